@@ -1,0 +1,95 @@
+# shellcheck shell=bash
+# What the scripts share; to be sourced. It installs Debian packages where asked to and writes to build/.
+# Nothing else of the machine changes: services that a package brings are not started by its installation.
+
+export LC_ALL=C.UTF-8 PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
+checkout=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
+
+# The presets configure the tests along with the programs, so every build needs the test library.
+# shellcheck disable=SC2034 # used by the scripts that source this
+build_packages=(g++ cmake ninja-build libssl-dev libgtest-dev)
+# shellcheck disable=SC2034
+clang_packages=(clang)
+# shellcheck disable=SC2034
+lab_packages=(iproute2 mount util-linux openssh-server openssh-client)
+
+bold='' plain=''
+if [[ -t 1 ]]; then
+  bold=$'\e[1m' plain=$'\e[0m'
+fi
+
+heading() {
+  printf '\n%s== %s%s\n' "$bold" "$*" "$plain"
+}
+
+fail() {
+  printf '%s: %s\n' "${0##*/}" "$*" >&2
+  exit 1
+}
+
+# require_root ARGUMENT...: with the caller's own arguments.
+require_root() {
+  if ((EUID != 0)); then
+    printf '%s needs root, type: sudo%s\n' "${0##*/}" "$(printf ' %q' "$0" "$@")" >&2
+    exit 1
+  fi
+}
+
+# quietly WHAT COMMAND...: shows the command's output only when it fails.
+quietly() {
+  local what=$1 output
+  shift
+  output=$("$@" 2>&1) || {
+    printf '%s\n' "$output" >&2
+    fail "$what failed"
+  }
+}
+
+# Keeps installations from starting services until leash is closed, unless the machine has a policy already.
+# A process of its own takes the policy away: it waits for the end of a pipe that this shell and apt-get hold,
+# so it does so even after a SIGKILL, and not while apt-get still works.
+hold_services() {
+  local policy=/usr/sbin/policy-rc.d
+  leash=''
+  if [[ ! -e $policy ]]; then
+    exec {leash}> >(trap '' HUP INT TERM && cat >/dev/null && rm -f "$policy")
+    leash_holder=$!
+    printf '#!/bin/sh\nexit 101\n' >"$policy"
+    chmod 0755 "$policy"
+  fi
+}
+
+release_services() {
+  if [[ $leash ]]; then
+    exec {leash}>&-
+    wait "$leash_holder"
+  fi
+}
+
+install_missing() {
+  local package missing=() leash leash_holder
+  for package in "$@"; do
+    if [[ $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) != installed ]]; then
+      missing+=("$package")
+    fi
+  done
+  if ((${#missing[@]} == 0)); then
+    return
+  fi
+  echo "Installing ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  quietly 'apt-get update' apt-get update
+  hold_services
+  quietly 'apt-get install' apt-get install --yes --no-install-recommends "${missing[@]}" </dev/null
+  release_services
+}
+
+# build PRESET [TARGET...]: all targets unless some are named.
+build() {
+  local preset=$1
+  shift
+  echo "Building $preset"
+  cd "$checkout" || return
+  quietly "configuring $preset" cmake --preset "$preset"
+  quietly "building $preset" cmake --build --preset "$preset" ${1+--target "$@"}
+}

@@ -1,0 +1,53 @@
+// The client's key and file operations: the shared ones of keys/, on this side's directory and key name.
+#include <iostream>
+
+#include "client/dorve_client.h"
+#include "keys/key_material.h"
+#include "keys/ssh_files.h"
+
+namespace dorve {
+namespace {
+
+constexpr const char* kServerHost = "172.20.10.1";
+
+}  // namespace
+
+void DorveClient::regenerateKeys() {
+  std::cout << "Regenerating SSH keys..." << std::endl;
+  writeText(localPublicKey, dorve::regenerateKeys(sshDir, keyName));
+}
+
+std::string DorveClient::readPublicKey() const {
+  return dorve::readPublicKey(sshDir, keyName);
+}
+
+std::string DorveClient::calculateKeyHash(const char* key) const {
+  return dorve::calculateKeyHash(key);
+}
+
+bool DorveClient::validateKeyFormat(const char* key) const {
+  return dorve::validateKeyFormat(key);
+}
+
+void DorveClient::addAuthKey(const char* publicKey) {
+  dorve::addAuthKey(sshDir, keyName, publicKey);
+}
+
+void DorveClient::addKnownHost(const char* publicKey, const char* host) {
+  std::cout << "Adding key to known_hosts for host: " << host << std::endl;
+  dorve::addKnownHost(sshDir, publicKey, host);
+  std::cout << "Known host successfully added" << std::endl;
+}
+
+void DorveClient::addSshConfig(const char* host) {
+  dorve::addSshConfig(sshDir, keyName, host);
+}
+
+bool DorveClient::installKeysLocally() {
+  std::cout << "Installing keys locally (idempotent)" << std::endl;
+  addAuthKey(peerPublicKey);
+  addSshConfig(kServerHost);
+  return true;
+}
+
+}  // namespace dorve

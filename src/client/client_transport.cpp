@@ -1,0 +1,89 @@
+// The client's transport: whole messages in and out, every socket exception turned into a line and a false.
+#include <algorithm>
+#include <cstring>
+#include <iostream>
+
+#include "client/dorve_client.h"
+#include "util/sleep.h"
+
+namespace dorve {
+namespace {
+
+constexpr std::uint32_t kMaxRetries = 3;
+constexpr std::uint32_t kBackoffBaseMs = 100;
+constexpr std::uint32_t kBackoffLimitMs = 5000;
+
+/// The whole message's length in bytes out of a header in wire order, which stays as it is.
+std::uint32_t lengthOf(const void* message) {
+  MessageHeader header;
+  std::memcpy(&header, message, sizeof header);
+  MessageSerializer::decodeHeader(&header);
+  return header.length;
+}
+
+}  // namespace
+
+bool DorveClient::sendRequest(const void* data, unsigned long size) {
+  try {
+    socket.sendAll(data, size);
+  } catch (const NqSocketException& failure) {
+    std::cerr << "Send failed: " << failure.what() << std::endl;
+    return false;
+  }
+  std::cout << "Sent message, size=" << size << " bytes" << std::endl;
+  return true;
+}
+
+bool DorveClient::receiveResponse(void* buffer, unsigned long capacity, unsigned long* received,
+                                  unsigned int timeoutMs) {
+  auto* bytes = static_cast<char*>(buffer);
+  unsigned long size = 0;
+  try {
+    socket.setTimeout(timeoutMs);
+    size = socket.receive(bytes, capacity);
+    if (size == 0) {
+      std::cerr << "Connection closed by server" << std::endl;
+      return false;
+    }
+    // Less than a header has no length to go by; the caller's check of the header refuses it.
+    if (size >= kHeaderSize) {
+      const std::uint32_t length = lengthOf(bytes);
+      if (length > capacity) {
+        std::cerr << "Message too large: " << length << " bytes exceeds buffer size " << capacity
+                  << std::endl;
+        return false;
+      }
+      while (size < length) {
+        const unsigned long more = socket.receive(bytes + size, length - size);
+        if (more == 0) {
+          std::cerr << "Connection closed while reading fragmented message" << std::endl;
+          return false;
+        }
+        size += more;
+      }
+    }
+  } catch (const NqSocketException& failure) {
+    std::cerr << "Receive failed: " << failure.what() << std::endl;
+    if (retryCount < kMaxRetries) {
+      ++retryCount;
+      retryWithBackoff();
+    }
+    return false;
+  }
+  *received = size;
+  std::cout << "Received response, size=" << size << " bytes" << std::endl;
+  return true;
+}
+
+unsigned int DorveClient::calculateBackoffMs() const {
+  // Bits shifted out are lost: counts of 30 and 31 give no pause at all, 32 begins anew.
+  return std::min(kBackoffBaseMs << (retryCount % 32), kBackoffLimitMs);
+}
+
+void DorveClient::retryWithBackoff() {
+  const unsigned int ms = calculateBackoffMs();
+  std::cout << "Retry " << retryCount << "/" << kMaxRetries << " after " << ms << "ms backoff" << std::endl;
+  sleepMs(ms);
+}
+
+}  // namespace dorve

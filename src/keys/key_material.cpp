@@ -1,0 +1,52 @@
+#include "keys/key_material.h"
+
+#include <openssl/sha.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "keys/file_text.h"
+
+namespace dorve {
+namespace {
+
+constexpr std::size_t kKeyLengthAbove = 100;
+
+std::string keyPath(const std::string& sshDir, const std::string& keyName) {
+  return sshDir + "/" + keyName;
+}
+
+}  // namespace
+
+std::string regenerateKeys(const std::string& sshDir, const std::string& keyName) {
+  const std::string path = keyPath(sshDir, keyName);
+  // With the old files gone ssh-keygen has nothing to ask; what fails here shows as an empty key below.
+  std::remove(path.c_str());
+  std::remove((path + ".pub").c_str());
+  const std::string command = "ssh-keygen -q -t ed25519 -f " + path + " -N '' -C " + keyName + " < /dev/null";
+  [[maybe_unused]] const int status = std::system(command.c_str());
+  return readPublicKey(sshDir, keyName);
+}
+
+std::string readPublicKey(const std::string& sshDir, const std::string& keyName) {
+  return readFileText(keyPath(sshDir, keyName) + ".pub").value_or("");
+}
+
+std::string calculateKeyHash(std::string_view key) {
+  unsigned char digest[SHA256_DIGEST_LENGTH];
+  SHA256(reinterpret_cast<const unsigned char*>(key.data()), key.size(), digest);
+
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string hex;
+  for (const unsigned char byte : digest) {
+    hex += kDigits[byte >> 4];
+    hex += kDigits[byte & 0xF];
+  }
+  return hex;
+}
+
+bool validateKeyFormat(std::string_view key) {
+  return key.starts_with("ssh-") && key.size() > kKeyLengthAbove;
+}
+
+}  // namespace dorve

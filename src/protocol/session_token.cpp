@@ -1,0 +1,72 @@
+#include "protocol/session_token.h"
+
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cstring>
+#include <iomanip>
+#include <random>
+#include <sstream>
+
+#include "protocol/message_serializer.h"
+
+namespace dorve {
+namespace {
+
+constexpr std::size_t kMacSize = 32;
+constexpr std::size_t kTokenLength = 2 * kMacSize;
+
+}  // namespace
+
+std::string SessionToken::generate(const void* key, std::size_t keyLength) {
+  // The device yields 32 bits, so there are 2^32 different blocks and no more: a token tells runs apart, it
+  // guards nothing.
+  std::random_device device("default");
+  return generateFromSeed(device(), key, keyLength);
+}
+
+std::string SessionToken::generateFromSeed(std::uint64_t seed, const void* key, std::size_t keyLength) {
+  std::mt19937_64 twister(seed);
+  std::array<std::uint64_t, 4> block;
+  std::generate(block.begin(), block.end(), std::ref(twister));  // little-endian, as the host is
+
+  unsigned char mac[kMacSize] = {};
+  hmacSha256(key, keyLength, block.data(), sizeof block, mac);
+  return bytesToHex(mac, sizeof mac);
+}
+
+unsigned char* SessionToken::hmacSha256(const void* key, std::size_t keyLength, const void* data,
+                                        std::size_t dataLength, unsigned char* output) {
+  unsigned int outputLength = kMacSize;
+  return HMAC(EVP_sha256(), key, static_cast<int>(keyLength), static_cast<const unsigned char*>(data),
+              dataLength, output, &outputLength);
+}
+
+std::string SessionToken::bytesToHex(const unsigned char* bytes, std::size_t count) {
+  std::ostringstream hex;
+  hex << std::hex << std::setfill('0');
+  for (std::size_t i = 0; i < count; ++i) hex << std::setw(2) << static_cast<unsigned int>(bytes[i]);
+  return hex.str();
+}
+
+bool SessionToken::validateFormat(std::string_view text) {
+  return text.size() == kTokenLength &&
+         std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isxdigit(c) != 0; });
+}
+
+std::uint64_t SessionToken::getCurrentTimeUs() {
+  return MessageSerializer::getTimestampUs();
+}
+
+std::uint64_t SessionToken::calculateExpiry(std::uint64_t timeUs) {
+  return timeUs + kTokenLifetimeUs;
+}
+
+bool SessionToken::isExpired(std::uint64_t expiryUs) {
+  return getCurrentTimeUs() > expiryUs;
+}
+
+}  // namespace dorve

@@ -1,0 +1,51 @@
+#include "protocol/version_manager.h"
+
+#include <iostream>
+
+#include "protocol/version_list.h"
+
+namespace dorve {
+namespace {
+
+std::int32_t refuse(std::int32_t result) {
+  std::cerr << "Error" << std::endl;
+  return result;
+}
+
+}  // namespace
+
+VersionManager::VersionManager() {
+  writeText(currentVersion, "1.0");
+  writeText(supportedVersions, "1.0");
+}
+
+VersionQuery VersionManager::createVersionQuery(std::string_view requestId) const {
+  auto query = makeRecord<VersionQuery>(requestId);
+  writeText(query.client_version, readText(currentVersion));
+  writeText(query.supported_versions, readText(supportedVersions));
+  query.features = kQueryFeatures;
+  seal(query);
+  return query;
+}
+
+bool VersionManager::isVersionSupported(std::string_view version, std::string_view list) {
+  return listHolds(list, version);
+}
+
+std::int32_t VersionManager::processVersionResponse(const VersionResponse& response,
+                                                    std::string_view expectedRequestId,
+                                                    char (&selectedVersion)[kVersionCapacity],
+                                                    std::uint32_t& features) const {
+  if (readText(response.request_id) != expectedRequestId) return refuse(kRefused);
+  if (response.error_code != 0) return refuse(response.error_code == 1 ? kNoCompatibleVersion : kRefused);
+
+  const std::string_view selected = readText(response.selected_version);
+  if (selected.empty() || !isVersionSupported(selected, readText(supportedVersions))) return refuse(kRefused);
+
+  writeText(selectedVersion, selected);
+  features = response.features;
+  std::cout << "Successful" << std::endl;
+  return kNegotiated;
+}
+
+}  // namespace dorve

@@ -1,0 +1,21 @@
+// dorve-server: finds the SSH directory, runs one server, maps the result to a status. It stands above
+// client/, which finds the directory for both programs, and server/, so that neither needs the other.
+#include <iostream>
+
+#include "client/ssh_directory.h"
+#include "server/dorve_server.h"
+
+int main() {
+  const std::string sshDir = dorve::findUserSshDirectory();
+  if (sshDir.empty()) return 1;
+
+  std::cout << "Starting DORVE Server (Base) "
+            << "v1.0" << std::endl;
+  dorve::DorveServer server("172.20.10.1", 8888, sshDir);
+  if (!server.start()) {
+    std::cerr << "Server failed" << std::endl;
+    return 1;
+  }
+  std::cout << "Server completed successfully" << std::endl;
+  return 0;
+}

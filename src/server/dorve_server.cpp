@@ -1,0 +1,146 @@
+#include "server/dorve_server.h"
+
+#include <sys/stat.h>
+
+#include <cstring>
+#include <iostream>
+#include <new>
+
+namespace dorve {
+namespace {
+
+constexpr const char* kListenAddress = "172.20.10.1";
+constexpr std::uint16_t kListenPort = 8888;
+constexpr int kBacklog = 1;
+constexpr unsigned long kListenerTimeoutMs = 60000;
+constexpr unsigned long kClientTimeoutMs = 5000;
+constexpr int kBindRetries = 100;
+constexpr unsigned int kBindRetryMs = 200;
+
+void tellError() {
+  std::cerr << "Error" << std::endl;
+}
+
+/// The text that every request's body begins with.
+std::string_view requestIdOf(const std::uint8_t* message) {
+  return readText(reinterpret_cast<const VersionQuery*>(message)->request_id);
+}
+
+std::uint16_t typeOf(const std::uint8_t* message) {
+  return reinterpret_cast<const MessageHeader*>(message)->type;
+}
+
+/// The one word that the log has for a failed socket; what failed is not told.
+void tellException(const NqSocketException& failure) {
+  static_cast<void>(failure.what());
+  std::cerr << "Exception" << std::endl;
+}
+
+}  // namespace
+
+DorveServer::DorveServer(const std::string& /*address*/, int /*port*/, const std::string& directory)
+    : sshDir(directory), keyName("base_slice_exchange") {
+  mkdir(sshDir.c_str(), 0700);
+  chmod(sshDir.c_str(), 0700);
+}
+
+bool DorveServer::start() {
+  regenerateKeys();
+  try {
+    NqSocket listener(true);
+    listener.setReuseAddr(true);
+    listener.setTimeout(kListenerTimeoutMs);
+    listener.bind(makeAddress(kListenAddress, kListenPort), kBindRetries, kBindRetryMs);
+    listener.listen(kBacklog);
+    NqSocket client = listener.accept();
+    client.setTimeout(kClientTimeoutMs);
+    processRequest(client);
+  } catch (const NqSocketException& failure) {
+    tellException(failure);
+    return false;
+  }
+  return true;
+}
+
+void DorveServer::processRequest(NqSocket& client) try {
+  std::uint8_t request[SERVER_RECEIVE_BUFFER];
+  std::uint8_t response[sizeof(ExchangeKeysResponse)];
+  for (bool closed = false;;) {
+    const std::size_t received = receiveMessage(client, request, closed);
+    if (closed) return;
+    if (received == 0) continue;
+
+    const std::string_view requestId = requestIdOf(request);
+    if (const CacheEntry* known = responseCache.lookup(requestId)) {
+      client.sendAll(known->response, known->responseSize);
+      continue;
+    }
+    const std::size_t size = dispatch(request, response);
+    if (size == 0) {
+      tellError();
+      continue;
+    }
+    responseCache.store(requestId, response, size);
+    client.sendAll(response, size);
+    if (typeOf(request) == static_cast<std::uint16_t>(MessageType::CONFIRM_INSTALL_REQUEST)) return;
+  }
+} catch (const NqSocketException& failure) {
+  tellException(failure);
+}
+
+std::size_t DorveServer::receiveMessage(NqSocket& client, std::uint8_t* buffer, bool& closed) {
+  std::size_t received = client.receive(buffer, SERVER_RECEIVE_BUFFER);
+  if (received == 0) {
+    closed = true;
+    return 0;
+  }
+  const auto refuse = [] {
+    tellError();
+    return std::size_t{0};
+  };
+  if (received < kHeaderSize) return refuse();
+
+  MessageSerializer::decodeHeader(buffer);
+  const std::uint32_t length = reinterpret_cast<const MessageHeader*>(buffer)->length;
+  if (length > SERVER_RECEIVE_BUFFER) return refuse();
+  while (received < length) {
+    const std::size_t more = client.receive(buffer + received, length - received);
+    if (more == 0) {
+      // Told twice, once for the end of the stream and once for the message that it cut: readers of the log
+      // know a cut message by the pair.
+      tellError();
+      return refuse();
+    }
+    received += more;
+  }
+  // What an earlier message left behind this one must not be taken for a part of it.
+  std::memset(buffer + received, 0, SERVER_RECEIVE_BUFFER - received);
+
+  if (!MessageSerializer::validateChecksum(buffer, received)) return refuse();
+  if (!MessageSerializer::validateHeader(buffer, typeOf(buffer), received)) return refuse();
+  return received;
+}
+
+std::size_t DorveServer::dispatch(const std::uint8_t* request, std::uint8_t* response) {
+  const auto answer = [&]<typename Request, typename Response>(
+                          Response (DorveServer::*handle)(const Request*)) -> std::size_t {
+    new (response) Response((this->*handle)(reinterpret_cast<const Request*>(request)));
+    return sizeof(Response);
+  };
+  switch (static_cast<MessageType>(typeOf(request))) {
+    case MessageType::VERSION_QUERY:
+      return answer(&DorveServer::handleVersionQuery);
+    case MessageType::EXCHANGE_KEYS_REQUEST:
+      return answer(&DorveServer::handleExchangeKeys);
+    case MessageType::VERIFY_KEYS_REQUEST:
+      return answer(&DorveServer::handleVerifyKeys);
+    case MessageType::INSTALL_KEYS_REQUEST:
+      return answer(&DorveServer::handleInstallKeys);
+    case MessageType::CONFIRM_INSTALL_REQUEST:
+      return answer(&DorveServer::handleConfirm);
+    default:
+      return 0;
+  }
+}
+
+}  // namespace dorve

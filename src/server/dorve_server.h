@@ -1,0 +1,82 @@
+#ifndef DORVE_SERVER_DORVE_SERVER_H_
+#define DORVE_SERVER_DORVE_SERVER_H_
+
+#include <cstdint>
+#include <string>
+
+#include "net/nq_socket.h"
+#include "protocol/messages.h"
+#include "protocol/version_table.h"
+#include "server/response_cache.h"
+
+namespace dorve {
+
+/// The largest message that the server reads, in bytes.
+constexpr std::size_t SERVER_RECEIVE_BUFFER = 8192;
+
+/// The answering side: serves one client on one connection, request by request, in whatever order they come.
+/// It trusts the client: no token, hash or flag of a request is looked at. Large (over 90 KB): make one and
+/// keep it.
+class DorveServer {
+ public:
+  /// Makes `sshDir` with mode 0700 where it may. `address` and `port` are accepted and not used: `start`
+  /// always listens on 172.20.10.1, port 8888.
+  DorveServer(const std::string& address, int port, const std::string& sshDir);
+  DorveServer(const DorveServer&) = delete;
+  DorveServer& operator=(const DorveServer&) = delete;
+
+  /// Makes keys, accepts one client within 60 seconds and serves it. False, after "Exception" on standard
+  /// error, when the sockets could not be set up or nobody came; true once a client was served, however it
+  /// ended.
+  bool start();
+
+  /// Serves a connection until the client closes it, a confirmation was answered or the socket fails.
+  /// Whatever is no whole, sound request gets no answer, "Error" on standard error, and the connection stays.
+  void processRequest(NqSocket& client);
+
+  /// Each builds a whole response, sealed for the wire. None fails or refuses.
+  VersionResponse handleVersionQuery(const VersionQuery* query);
+  ExchangeKeysResponse handleExchangeKeys(const ExchangeKeysRequest* request);
+  VerifyKeysResponse handleVerifyKeys(const VerifyKeysRequest* request);
+  InstallKeysResponse handleInstallKeys(const InstallKeysRequest* request);
+  ConfirmInstallResponse handleConfirm(const ConfirmInstallRequest* request);
+
+  /// The pairing key and the SSH files of this side, as `keys/` has them.
+  void regenerateKeys();
+  std::string readPublicKey() const;
+  std::string calculateKeyHash(const char* key) const;
+  bool validateKeyFormat(const char* key) const;
+  void addAuthKey(const char* publicKey);
+  void addKnownHost(const char* publicKey, const char* host);
+  void addSshConfig(const char* host);
+
+  /// Does nothing and returns true; the handlers install.
+  bool installKeysLocally(const char* keyText);
+
+  /// Whether a token has the form of one; the handlers take tokens as they come.
+  bool validateSessionToken(const char* token) const;
+
+ private:
+  friend struct TestAccess;
+
+  /// Reads one message into `buffer`, header decoded, zeroes behind it. Gives its size in bytes; 0 for one
+  /// that was cut, too large or unsound, which it told.
+  std::size_t receiveMessage(NqSocket& client, std::uint8_t* buffer, bool& closed);
+
+  /// Builds the response to a sound request in `response`; its size in bytes, or 0 for an unknown type.
+  std::size_t dispatch(const std::uint8_t* request, std::uint8_t* response);
+
+  [[maybe_unused]] std::int32_t unusedListener = -1;  ///< read by nothing; the sockets are locals of `start`
+  [[maybe_unused]] std::int32_t unusedClient = -1;    ///< likewise
+  char tokenSeed[kPublicKeyCapacity] = {};  ///< HMAC key of the session tokens; nothing fills it yet
+  char localPublicKey[kPublicKeyCapacity] = {};
+  char peerPublicKey[kPublicKeyCapacity] = {};
+  ResponseCache responseCache;
+  VersionTable versionTable;
+  std::string sshDir;
+  std::string keyName;
+};
+
+}  // namespace dorve
+
+#endif  // DORVE_SERVER_DORVE_SERVER_H_

@@ -1,0 +1,46 @@
+// The server's key and file operations: the shared ones of keys/, on this side's directory and key name.
+// Unlike the client's they print nothing.
+#include "keys/key_material.h"
+#include "keys/ssh_files.h"
+#include "protocol/session_token.h"
+#include "server/dorve_server.h"
+
+namespace dorve {
+
+void DorveServer::regenerateKeys() {
+  writeText(localPublicKey, dorve::regenerateKeys(sshDir, keyName));
+}
+
+std::string DorveServer::readPublicKey() const {
+  return dorve::readPublicKey(sshDir, keyName);
+}
+
+std::string DorveServer::calculateKeyHash(const char* key) const {
+  return dorve::calculateKeyHash(key);
+}
+
+bool DorveServer::validateKeyFormat(const char* key) const {
+  return dorve::validateKeyFormat(key);
+}
+
+void DorveServer::addAuthKey(const char* publicKey) {
+  dorve::addAuthKey(sshDir, keyName, publicKey);
+}
+
+void DorveServer::addKnownHost(const char* publicKey, const char* host) {
+  dorve::addKnownHost(sshDir, publicKey, host);
+}
+
+void DorveServer::addSshConfig(const char* host) {
+  dorve::addSshConfig(sshDir, keyName, host);
+}
+
+bool DorveServer::installKeysLocally(const char* /*keyText*/) {
+  return true;
+}
+
+bool DorveServer::validateSessionToken(const char* token) const {
+  return SessionToken::validateFormat(token);
+}
+
+}  // namespace dorve

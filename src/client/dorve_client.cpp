@@ -28,6 +28,8 @@ DorveClient::DorveClient(const std::string& address, int port, const std::string
   chmod(sshDir.c_str(), 0700);
 }
 
+DorveClient::~DorveClient() = default;
+
 void DorveClient::transitionTo(ClientState next) {
   std::cout << "State transition: " << stateName(state) << " -> " << stateName(next) << std::endl;
   state = next;

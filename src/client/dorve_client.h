@@ -20,6 +20,11 @@ class DorveClient {
   /// Makes `sshDir` with mode 0700 where it may. `address` is dotted decimal, `port` in host order.
   DorveClient(const std::string& address, int port, const std::string& sshDir);
 
+  /// Closes the connection; the peer is told nothing.
+  ~DorveClient();
+  DorveClient(const DorveClient&) = delete;
+  DorveClient& operator=(const DorveClient&) = delete;
+
   /// Makes keys, waits for the interface, connects and runs the phases. True when all five succeeded. An
   /// NqSocketException out of the set-up of the connection is not caught.
   bool start();

@@ -44,6 +44,8 @@ DorveServer::DorveServer(const std::string& /*address*/, int /*port*/, const std
   chmod(sshDir.c_str(), 0700);
 }
 
+DorveServer::~DorveServer() = default;
+
 bool DorveServer::start() {
   regenerateKeys();
   try {

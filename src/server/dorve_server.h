@@ -22,6 +22,7 @@ class DorveServer {
   /// Makes `sshDir` with mode 0700 where it may. `address` and `port` are accepted and not used: `start`
   /// always listens on 172.20.10.1, port 8888.
   DorveServer(const std::string& address, int port, const std::string& sshDir);
+  ~DorveServer();
   DorveServer(const DorveServer&) = delete;
   DorveServer& operator=(const DorveServer&) = delete;
 

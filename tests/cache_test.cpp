@@ -1,0 +1,52 @@
+#include <gtest/gtest.h>
+
+#include "server/response_cache.h"
+
+namespace dorve {
+namespace {
+
+TEST(ResponseCache, RepeatsTheFirstResponseOfTheLastTenIds) {
+  ResponseCache cache;
+  const std::string ids = "ABCDEFGHIJA";
+  for (std::size_t i = 0; i < ids.size(); ++i) cache.store(ids.substr(i, 1), ids.data(), i + 1);
+  const CacheEntry* oldest = cache.lookup("A");
+  EXPECT_EQ(oldest->responseSize, 1u);
+  cache.store("K", "xyz", 3);
+  EXPECT_EQ(cache.lookup("K"), oldest);
+  EXPECT_EQ(oldest->hitCount, 2u);
+  EXPECT_EQ(std::string(oldest->response, oldest->response + oldest->responseSize), "xyz");
+  for (const char* id = "ABCDEFGHIJ"; *id != '\0'; ++id)
+    EXPECT_EQ(cache.lookup({id, 1}) == nullptr, *id == 'A');
+}
+
+TEST(ResponseCache, ComparesIdsWholeAndRefusesWhatDoesNotFit) {
+  ResponseCache cache;
+  const std::string id(200, 'i'), response(8193, 'r');
+  testing::internal::CaptureStderr();
+  cache.store(id, response.data(), 8192);
+  cache.store("B", response.data(), 8193);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Error\n");
+  EXPECT_NE(cache.lookup(id.substr(0, 127)), nullptr);
+  for (const auto& other : {id, id.substr(0, 126), std::string("B"), std::string()})
+    EXPECT_EQ(cache.lookup(other), nullptr) << other;
+}
+
+TEST(ResponseCache, ExpiryGoesByCreationAndAgeByAccess) {
+  ResponseCache cache;
+  EXPECT_EQ(cache.findLruIndex(), 0u);
+  for (const char* id : {"A", "B", "C"}) cache.store(id, id, 1);
+  CacheEntry* slots = cache.lookup("A");
+  slots[0].createdUs = 100, slots[1].createdUs = 99;
+  slots[0].lastAccessUs = 6, slots[1].lastAccessUs = 5, slots[2].lastAccessUs = 5;
+  EXPECT_EQ(cache.findLruIndex(), 1u);
+  cache.removeExpired(100);
+  EXPECT_EQ(cache.lookup("B"), nullptr);
+  EXPECT_EQ(cache.findLruIndex(), 2u);
+  cache.store("C", "again", 5);
+  EXPECT_EQ(cache.findLruIndex(), 0u);
+  cache.store("D", "D", 1);
+  EXPECT_EQ(cache.lookup("D"), slots + 3) << "a freed slot waits for its turn";
+}
+
+}  // namespace
+}  // namespace dorve

@@ -1,0 +1,108 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#include "keys/file_text.h"
+#include "keys/key_material.h"
+#include "keys/ssh_files.h"
+
+namespace dorve {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kKey = "ssh-ed25519 NEW slice_key\n";
+
+/// An SSH directory for one test.
+struct Keys : testing::Test {
+  std::string dir = testing::TempDir() + "dorve-keys-XXXXXX";
+
+  Keys() { EXPECT_NE(mkdtemp(dir.data()), nullptr); }
+  ~Keys() override { fs::remove_all(dir); }
+
+  void write(const std::string& name, std::string_view text) { std::ofstream(dir + name) << text; }
+  fs::perms mode(const std::string& name) { return fs::status(dir + name).permissions(); }
+};
+
+TEST_F(Keys, EditsLeaveTheseBytes) {
+  const auto authorize = [this] { addAuthKey(dir, "slice_key", kKey.c_str()); };
+  const auto know = [this] { addKnownHost(dir, "ssh-ed25519 HOST", "172.20.10.1"); };
+  const auto configure = [this] { addSshConfig(dir, "slice_key", "172.20.10.1"); };
+  const std::string host = "172.20.10.1 ssh-ed25519 HOST";
+  const std::string block = "\nHost 172.20.10.1\n    IdentityFile " + dir +
+                            "/slice_key\n    IdentitiesOnly yes\n"
+                            "    StrictHostKeyChecking no\n    UserKnownHostsFile /dev/null\n";
+  const struct {
+    const char* file;
+    std::function<void()> edit;
+    const char* before;
+    std::string after;
+  } rows[] = {
+      {"/authorized_keys", authorize, nullptr, kKey},
+      {"/authorized_keys", authorize, "ssh-rsa A\nssh-ed25519 OLD slice_key\n", "ssh-rsa A\n\n" + kKey},
+      {"/authorized_keys", authorize, "\n\n# B\n\nx-slice_key-old y\n  A\n\n", "# B\n  A\n\n" + kKey},
+      {"/authorized_keys", authorize, "OLD slice_key\nA", "A\n\n" + kKey},
+      {"/authorized_keys", authorize, "A\r\n\r\nOLD slice_key", "A\r\n\r\n\n" + kKey},
+      {"/known_hosts", know, nullptr, host},
+      {"/known_hosts", know, "172.20.10.1 K1\n\n172.20.10.10 K2\n172.20.10.2 K3",
+       "172.20.10.2 K3\n\n" + host},
+      {"/config", configure, nullptr, block},
+      {"/config", configure, "Host 172.20.10.2\n\n\n    User b", "Host 172.20.10.2\n\n\n    User b" + block},
+      {"/config", configure, "# Host 172.20.10.10\n\n", "# Host 172.20.10.10\n\n"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(&row - rows);
+    fs::remove(dir + row.file);
+    if (row.before != nullptr) write(row.file, row.before);
+    for (const char* run : {"first run", "second run"}) {
+      row.edit();
+      EXPECT_EQ(readFileText(dir + row.file), row.after) << run;
+      EXPECT_EQ(mode(row.file), fs::perms{0600}) << run;
+    }
+  }
+}
+
+TEST_F(Keys, WhatCannotBeReadOrWrittenIsNoError) {
+  for (const char* name : {"/authorized_keys", "/known_hosts", "/config", "/slice_key.pub"})
+    fs::create_directory(dir + name);
+  for (const std::string& place : {dir, dir + "/missing"}) {
+    EXPECT_EQ(readPublicKey(place, "slice_key"), "");
+    EXPECT_NO_THROW(addAuthKey(place, "slice_key", nullptr));
+    EXPECT_NO_THROW(addKnownHost(place, nullptr, "172.20.10.1"));
+    EXPECT_NO_THROW(addSshConfig(place, "slice_key", "172.20.10.1"));
+  }
+}
+
+TEST_F(Keys, RegenerateMakesAFreshPairOrNone) {
+  std::string last, lastPrivate;
+  for (int run = 0; run < 2; ++run) {
+    const std::string line = regenerateKeys(dir, "slice_key");
+    EXPECT_TRUE(line.starts_with("ssh-ed25519 ") && line.ends_with(" slice_key\n")) << line;
+    EXPECT_EQ(line, readFileText(dir + "/slice_key.pub"));
+    EXPECT_NE(line, std::exchange(last, line));
+    EXPECT_NE(lastPrivate, std::exchange(lastPrivate, *readFileText(dir + "/slice_key")));
+    EXPECT_EQ(mode("/slice_key"), fs::perms{0600});
+  }
+  fs::remove(dir + "/slice_key");
+  fs::create_directories(dir + "/slice_key/in-the-way");
+  testing::internal::CaptureStdout();  // ssh-keygen asks, and gets no answer
+  EXPECT_EQ(regenerateKeys(dir, "slice_key"), "") << "the old key";
+  testing::internal::GetCapturedStdout();
+}
+
+TEST_F(Keys, TextIsReadAndJudgedAsHeld) {
+  const std::string text = std::string(40'000, 'k') + " \r\n\n";
+  write("/slice_key.pub", text);
+  EXPECT_EQ(readPublicKey(dir, "slice_key"), text);
+  EXPECT_EQ(calculateKeyHash(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+  EXPECT_EQ(calculateKeyHash("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  EXPECT_EQ(calculateKeyHash("abc\n"), "edeaaff3f1774ad2888673770c6d64097e391bc362d7d6fb34982ddf0efd18cb");
+  EXPECT_FALSE(validateKeyFormat("ssh-" + std::string(96, 'x')));
+  EXPECT_TRUE(validateKeyFormat("ssh-" + std::string(97, 'x')));
+  EXPECT_FALSE(validateKeyFormat("ecdsa-sha2-nistp256 ssh-" + std::string(97, 'x')));
+}
+
+}  // namespace
+}  // namespace dorve

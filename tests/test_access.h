@@ -1,0 +1,51 @@
+#ifndef DORVE_TESTS_TEST_ACCESS_H_
+#define DORVE_TESTS_TEST_ACCESS_H_
+
+#include <string>
+#include <utility>
+
+#include "client/dorve_client.h"
+#include "protocol/request_id_generator.h"
+#include "protocol/session_token.h"
+#include "protocol/version_table.h"
+#include "server/dorve_server.h"
+
+namespace dorve {
+
+/// The friend that the classes name for their tests: it sees what no caller may, and exists nowhere but here.
+struct TestAccess {
+  static VersionTable versionTable(const char* current, const char* supported) {
+    return {current, supported};
+  }
+
+  static std::string requestId(const char* prefix, std::uint64_t ms, std::uint32_t random) {
+    return RequestIdGenerator::format(prefix, ms, random);
+  }
+
+  static std::string token(std::uint64_t seed, const std::string& key) {
+    return SessionToken::generateFromSeed(seed, key.data(), key.size());
+  }
+
+  static int descriptor(const NqSocket& socket) { return socket.fd; }
+
+  static unsigned int backoffMs(DorveClient& client, std::uint32_t count) {
+    client.retryCount = count;
+    return client.calculateBackoffMs();
+  }
+
+  /// One receive of a client on a connection that the test made.
+  static bool receive(DorveClient& client, NqSocket&& connection, unsigned int timeoutMs) {
+    if (TestAccess::descriptor(connection) >= 0) client.socket = std::move(connection);
+    char buffer[512];
+    unsigned long received = 0;
+    return client.receiveResponse(buffer, sizeof buffer, &received, timeoutMs);
+  }
+
+  static void transition(DorveClient& client, int state) {
+    client.transitionTo(static_cast<ClientState>(state));
+  }
+};
+
+}  // namespace dorve
+
+#endif  // DORVE_TESTS_TEST_ACCESS_H_

@@ -17,8 +17,9 @@ namespace dorve {
 /// standard output, failures to standard error, a line each.
 class DorveClient {
  public:
-  /// Makes `sshDir` with mode 0700 where it may. `address` is dotted decimal, `port` in host order.
-  DorveClient(const std::string& address, int port, const std::string& sshDir);
+  /// Makes the SSH `directory` with mode 0700 where it may. `address` is dotted decimal, `port` in host
+  /// order.
+  DorveClient(const std::string& address, int port, const std::string& directory);
 
   /// Closes the connection; the peer is told nothing.
   ~DorveClient();

@@ -97,7 +97,7 @@ int NqSocket::listen(int backlog) {
 
 NqSocket NqSocket::accept() {
   sockaddr_in peer{};
-  int client;
+  int client = -1;
   do {
     socklen_t size = sizeof peer;
     client = ::accept(fd, reinterpret_cast<sockaddr*>(&peer), &size);
@@ -126,7 +126,7 @@ void NqSocket::sendAll(const std::string& data) {
 }
 
 unsigned long NqSocket::receive(void* buffer, unsigned long size) {
-  ssize_t received;
+  ssize_t received = -1;
   do {
     received = ::recv(fd, buffer, size, 0);
   } while (received < 0 && errno == EINTR);

@@ -28,10 +28,11 @@ std::string RequestIdGenerator::format(const char* prefix, std::uint64_t ms, std
   std::ostringstream id;
   id << "REQ-";
   // A failed stream drops all that follows: whoever passes a null prefix gets "REQ-" and nothing behind it.
-  if (prefix == nullptr)
+  if (prefix == nullptr) {
     id.setstate(std::ios::badbit);
-  else
+  } else {
     id << prefix;
+  }
   id << "-" << ms << "-" << std::hex << std::setw(8) << std::setfill('0') << random;
   return id.str();
 }

@@ -19,9 +19,9 @@ constexpr std::size_t SERVER_RECEIVE_BUFFER = 8192;
 /// keep it.
 class DorveServer {
  public:
-  /// Makes `sshDir` with mode 0700 where it may. `address` and `port` are accepted and not used: `start`
-  /// always listens on 172.20.10.1, port 8888.
-  DorveServer(const std::string& address, int port, const std::string& sshDir);
+  /// Makes the SSH `directory` with mode 0700 where it may. `address` and `port` are accepted and not used:
+  /// `start` always listens on 172.20.10.1, port 8888.
+  DorveServer(const std::string& address, int port, const std::string& directory);
   ~DorveServer();
   DorveServer(const DorveServer&) = delete;
   DorveServer& operator=(const DorveServer&) = delete;
@@ -56,6 +56,25 @@ class DorveServer {
 
   /// Whether a token has the form of one; the handlers take tokens as they come.
   bool validateSessionToken(const char* token) const;
+
+  /// Stops the sshd that /var/run/sshd.pid names, if one runs, and starts a fresh one in the background, its
+  /// output in the kernel log. Blocks for up to about 7 seconds. Prints "Warning" on standard error and goes
+  /// on when the old one would not end.
+  void restartSshdUnmanaged();
+
+  /// The process in the PID file when it is sshd, else -1.
+  int readSshdPid();
+
+  /// Whether the program name of a process holds "sshd".
+  bool verifySshdProcess(int pid);
+
+  /// Ends a process by SIGTERM, after 5 seconds by SIGKILL. False, after "Error" on standard error, when it
+  /// may not be signalled or is still there 2 seconds later.
+  bool terminateSshd(int pid);
+
+  /// Waits until a process is gone or a zombie; false when more than `timeoutMs` milliseconds have passed.
+  /// Looks after 20, 40, 80, 160 and then every 200 ms.
+  bool waitForProcTerm(int pid, int timeoutMs);
 
  private:
   friend struct TestAccess;

@@ -4,13 +4,9 @@
 #include "client/dorve_client.h"
 #include "keys/key_material.h"
 #include "keys/ssh_files.h"
+#include "protocol/endpoints.h"
 
 namespace dorve {
-namespace {
-
-constexpr const char* kServerHost = "172.20.10.1";
-
-}  // namespace
 
 void DorveClient::regenerateKeys() {
   std::cout << "Regenerating SSH keys..." << std::endl;
@@ -46,7 +42,7 @@ void DorveClient::addSshConfig(const char* host) {
 bool DorveClient::installKeysLocally() {
   std::cout << "Installing keys locally (idempotent)" << std::endl;
   addAuthKey(peerPublicKey);
-  addSshConfig(kServerHost);
+  addSshConfig(kServerAddress);
   return true;
 }
 

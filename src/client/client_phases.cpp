@@ -58,8 +58,10 @@ bool DorveClient::phaseVersionNegotiation() {
   // Not one of the numbered requests: its sequence is 0 and the counter stays where it is.
   const VersionQuery query = versionManager.createVersionQuery(readText(requestId));
   VersionResponse response;
-  constexpr Exchange kRules{ClientState::VERSION_QUERY_SENT, "VERSION_RESPONSE", 3000,
-                            kBadVersionResponseHeader};
+  constexpr Exchange kRules{.sentState = ClientState::VERSION_QUERY_SENT,
+                            .responseName = "VERSION_RESPONSE",
+                            .timeoutMs = 3000,
+                            .badHeaderCode = kBadVersionResponseHeader};
   if (!exchange(query, response, kRules)) return false;
 
   const std::int32_t result = versionManager.processVersionResponse(response, readText(requestId),
@@ -77,7 +79,10 @@ bool DorveClient::phaseExchangeKeys() {
   writeText(request.public_key, readText(localPublicKey));
   seal(request);
   ExchangeKeysResponse response;
-  constexpr Exchange kRules{ClientState::EXCHANGE_KEYS_SENT, "EXCHANGE_KEYS_RESPONSE", 5000, kBadResponse};
+  constexpr Exchange kRules{.sentState = ClientState::EXCHANGE_KEYS_SENT,
+                            .responseName = "EXCHANGE_KEYS_RESPONSE",
+                            .timeoutMs = 5000,
+                            .badHeaderCode = kBadResponse};
   if (!exchange(request, response, kRules)) return false;
 
   // Key and token are taken as they come; the next phase asks the server whether both sides hold the same
@@ -100,7 +105,10 @@ bool DorveClient::phaseVerifyKeys() {
   writeText(request.peer_key_hash, peerHash);
   seal(request);
   VerifyKeysResponse response;
-  constexpr Exchange kRules{ClientState::VERIFY_KEYS_SENT, "VERIFY_KEYS_RESPONSE", 3000, kBadResponse};
+  constexpr Exchange kRules{.sentState = ClientState::VERIFY_KEYS_SENT,
+                            .responseName = "VERIFY_KEYS_RESPONSE",
+                            .timeoutMs = 3000,
+                            .badHeaderCode = kBadResponse};
   if (!exchange(request, response, kRules)) return false;
 
   const std::string_view status = readText(response.status);
@@ -128,7 +136,10 @@ bool DorveClient::phaseInstallKeys() {
   request.install_flags = kInstallFlags;
   seal(request);
   InstallKeysResponse response;
-  constexpr Exchange kRules{ClientState::INSTALL_KEYS_SENT, "INSTALL_KEYS_RESPONSE", 10000, kBadResponse};
+  constexpr Exchange kRules{.sentState = ClientState::INSTALL_KEYS_SENT,
+                            .responseName = "INSTALL_KEYS_RESPONSE",
+                            .timeoutMs = 10000,
+                            .badHeaderCode = kBadResponse};
   if (!exchange(request, response, kRules)) return false;
 
   const std::string_view status = readText(response.install_status);
@@ -150,7 +161,10 @@ bool DorveClient::phaseConfirm() {
   writeText(request.status, kStatusInstalled);
   seal(request);
   ConfirmInstallResponse response;
-  constexpr Exchange kRules{ClientState::CONFIRM_SENT, "CONFIRM_INSTALL_RESPONSE", 3000, kBadResponse};
+  constexpr Exchange kRules{.sentState = ClientState::CONFIRM_SENT,
+                            .responseName = "CONFIRM_INSTALL_RESPONSE",
+                            .timeoutMs = 3000,
+                            .badHeaderCode = kBadResponse};
   if (!exchange(request, response, kRules)) return false;
 
   const std::string_view status = readText(response.status);

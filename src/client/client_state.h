@@ -5,7 +5,8 @@
 
 namespace dorve {
 
-/// Where a client stands in its run. Phases 0 and 4 have no state for their success: the next one moves on.
+/// Where a client stands in its run. Phases 0 and 4 have no state for their success: what follows them moves
+/// on.
 enum class ClientState : std::uint8_t {
   INIT = 0,
   VERSION_QUERY_SENDING = 1,

@@ -83,7 +83,7 @@ unsigned int DorveClient::calculateBackoffMs() const {
 void DorveClient::retryWithBackoff() {
   const unsigned int ms = calculateBackoffMs();
   std::cout << "Retry " << retryCount << "/" << kMaxRetries << " after " << ms << "ms backoff" << std::endl;
-  sleepMs(ms);
+  if (ms != 0) sleepMs(ms);
 }
 
 }  // namespace dorve

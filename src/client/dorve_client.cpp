@@ -4,6 +4,8 @@
 
 #include <iostream>
 
+#include "keys/key_material.h"
+#include "keys/ssh_files.h"
 #include "protocol/request_id_generator.h"
 #include "util/sleep.h"
 
@@ -23,9 +25,8 @@ constexpr unsigned int kConnectRetryMs = 200;
 DorveClient::DorveClient(const std::string& address, int port, const std::string& directory)
     : serverAddr(makeAddress(address.c_str(), static_cast<std::uint16_t>(port))),
       sshDir(directory),
-      keyName("base_slice_exchange") {
-  mkdir(sshDir.c_str(), 0700);
-  chmod(sshDir.c_str(), 0700);
+      keyName(kPairingKeyName) {
+  makeSshDirectory(sshDir);
 }
 
 DorveClient::~DorveClient() = default;

@@ -3,16 +3,16 @@
 
 #include "client/dorve_client.h"
 #include "client/ssh_directory.h"
+#include "protocol/endpoints.h"
 
-// A socket exception out of `start` is not caught: only a failure of the protocol is a "Client failed", a
+// Whatever `start` reports as false is a "Client failed". A socket exception out of it is not caught: a
 // connection that can't be set up ends the process abnormally.
 int main() {
   const std::string sshDir = dorve::findUserSshDirectory();
   if (sshDir.empty()) return 1;
 
-  std::cout << "Starting DORVE Client (Base) "
-            << "v1.0" << std::endl;
-  dorve::DorveClient client("172.20.10.1", 8888, sshDir);
+  std::cout << "Starting DORVE Client (Base) " << dorve::kBannerVersion << std::endl;
+  dorve::DorveClient client(dorve::kServerAddress, dorve::kPort, sshDir);
   if (!client.start()) {
     std::cerr << "Client failed" << std::endl;
     return 1;

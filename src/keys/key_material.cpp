@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "keys/file_text.h"
+#include "util/hex.h"
 
 namespace dorve {
 namespace {
@@ -35,14 +36,7 @@ std::string readPublicKey(const std::string& sshDir, const std::string& keyName)
 std::string calculateKeyHash(std::string_view key) {
   unsigned char digest[SHA256_DIGEST_LENGTH];
   SHA256(reinterpret_cast<const unsigned char*>(key.data()), key.size(), digest);
-
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string hex;
-  for (const unsigned char byte : digest) {
-    hex += kDigits[byte >> 4];
-    hex += kDigits[byte & 0xF];
-  }
-  return hex;
+  return toHex(digest, sizeof digest);
 }
 
 bool validateKeyFormat(std::string_view key) {

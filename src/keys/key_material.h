@@ -7,6 +7,9 @@
 /// The pairing key of one side: an ed25519 pair in the files `sshDir`/`keyName` and `sshDir`/`keyName`.pub.
 namespace dorve {
 
+/// The base name of the pair's files and the comment in its public line, on both sides.
+constexpr const char* kPairingKeyName = "base_slice_exchange";
+
 /// Deletes the pair, makes a new one with ssh-keygen(1) (no pass phrase, `keyName` as comment) and returns
 /// its public line. Reports no failure: without a new key the line is empty. The path goes through the shell
 /// unquoted, so a directory whose name holds blanks or shell characters does not work.

@@ -11,6 +11,7 @@
 namespace dorve {
 namespace {
 
+constexpr mode_t kDirectoryMode = 0700;
 constexpr mode_t kFileMode = 0600;
 
 std::string_view textOrNothing(const char* text) {
@@ -26,7 +27,7 @@ void keepForeignLines(std::string& text, std::string_view obsolete) {
     const auto next = std::find(line, text.cend(), '\n') + 1;
     const std::string_view content(line, next - 1);
     if (!content.empty() && content.find(obsolete) == std::string_view::npos) {
-      kept = std::copy(line, next, kept);
+      kept = kept == line ? kept + (next - line) : std::copy(line, next, kept);
     }
     line = next;
   }
@@ -46,6 +47,11 @@ void replaceEntry(const std::string& path, std::string_view obsolete, std::strin
 }
 
 }  // namespace
+
+void makeSshDirectory(const std::string& sshDir) {
+  mkdir(sshDir.c_str(), kDirectoryMode);
+  chmod(sshDir.c_str(), kDirectoryMode);
+}
 
 void addAuthKey(const std::string& sshDir, const std::string& keyName, const char* publicKey) {
   replaceEntry(sshDir + "/authorized_keys", keyName, textOrNothing(publicKey));

@@ -8,6 +8,9 @@
 /// empty, a failed write is ignored. A file that opens but can't be read to its end is left as it is.
 namespace dorve {
 
+/// Makes the directory, or leaves the one that is there, with mode 0700 where the process may.
+void makeSshDirectory(const std::string& sshDir);
+
 /// Makes `publicKey` the one line of `sshDir`/authorized_keys that mentions `keyName`. Every line that holds
 /// `keyName` anywhere goes, blank lines too; all others stay, in order, with a blank line before the new one.
 /// The key is written as given, without a line feed of ours; a null key writes nothing.

@@ -53,7 +53,8 @@ class MessageSerializer {
   /// Whether a decoded message of `size` received bytes carries its own CRC; leaves every byte as it was.
   static bool validateChecksum(void* message, std::size_t size);
 
-  /// Reverses each header field between host and wire order, in place; never touches the body.
+  /// Both reverse each header field between host and wire order, in place, and never touch the body: one
+  /// operation under the names of its two uses.
   static void encodeHeader(void* message);
   static void decodeHeader(void* message);
 

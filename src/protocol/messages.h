@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "protocol/message_serializer.h"
 #include "protocol/text_field.h"
@@ -34,6 +35,7 @@ constexpr std::size_t kTokenCapacity = 65;
 constexpr std::size_t kHashCapacity = 65;
 constexpr std::size_t kStatusCapacity = 32;
 
+/// Asks which protocol version to speak.
 struct [[gnu::packed, gnu::may_alias]] VersionQuery {
   static constexpr MessageType kType = MessageType::VERSION_QUERY;
 
@@ -56,6 +58,7 @@ static_assert(offsetof(VersionQuery, features) == 452);
 static_assert(offsetof(VersionQuery, reserved2) == 456);
 static_assert(offsetof(VersionQuery, reserved3) == 460);
 
+/// Names the version to speak, or says that there is none.
 struct [[gnu::packed, gnu::may_alias]] VersionResponse {
   static constexpr MessageType kType = MessageType::VERSION_RESPONSE;
 
@@ -78,6 +81,7 @@ static_assert(offsetof(VersionResponse, error_code) == 228);
 static_assert(offsetof(VersionResponse, message) == 232);
 static_assert(offsetof(VersionResponse, reserved) == 488);
 
+/// Hands the client's public key over.
 struct [[gnu::packed, gnu::may_alias]] ExchangeKeysRequest {
   static constexpr MessageType kType = MessageType::EXCHANGE_KEYS_REQUEST;
 
@@ -94,6 +98,7 @@ static_assert(offsetof(ExchangeKeysRequest, variant) == 160);
 static_assert(offsetof(ExchangeKeysRequest, public_key) == 192);
 static_assert(offsetof(ExchangeKeysRequest, reserved) == 4288);
 
+/// Hands the server's public key over, with a token for the requests to come.
 struct [[gnu::packed, gnu::may_alias]] ExchangeKeysResponse {
   static constexpr MessageType kType = MessageType::EXCHANGE_KEYS_RESPONSE;
 
@@ -114,6 +119,7 @@ static_assert(offsetof(ExchangeKeysResponse, token_expiry_us) == 4321);
 static_assert(offsetof(ExchangeKeysResponse, reserved) == 4329);
 static_assert(offsetof(ExchangeKeysResponse, reserved2) == 4333);
 
+/// Asks whether both sides hold the same two keys.
 struct [[gnu::packed, gnu::may_alias]] VerifyKeysRequest {
   static constexpr MessageType kType = MessageType::VERIFY_KEYS_REQUEST;
 
@@ -132,6 +138,7 @@ static_assert(offsetof(VerifyKeysRequest, local_key_hash) == 225);
 static_assert(offsetof(VerifyKeysRequest, peer_key_hash) == 290);
 static_assert(offsetof(VerifyKeysRequest, reserved) == 355);
 
+/// Says whether they do.
 struct [[gnu::packed, gnu::may_alias]] VerifyKeysResponse {
   static constexpr MessageType kType = MessageType::VERIFY_KEYS_RESPONSE;
 
@@ -148,7 +155,8 @@ static_assert(offsetof(VerifyKeysResponse, status) == 160);
 static_assert(offsetof(VerifyKeysResponse, reserved) == 192);
 static_assert(offsetof(VerifyKeysResponse, reserved2) == 196);
 
-/// Carries no key: the server installs the one that it received in ExchangeKeysRequest.
+/// Asks the server to install the client's key. Carries none: the server installs the one that it received in
+/// ExchangeKeysRequest.
 struct [[gnu::packed, gnu::may_alias]] InstallKeysRequest {
   static constexpr MessageType kType = MessageType::INSTALL_KEYS_REQUEST;
 
@@ -165,6 +173,7 @@ static_assert(offsetof(InstallKeysRequest, session_token) == 160);
 static_assert(offsetof(InstallKeysRequest, install_flags) == 225);
 static_assert(offsetof(InstallKeysRequest, reserved) == 229);
 
+/// Says what became of the installation.
 struct [[gnu::packed, gnu::may_alias]] InstallKeysResponse {
   static constexpr MessageType kType = MessageType::INSTALL_KEYS_RESPONSE;
 
@@ -183,6 +192,7 @@ static_assert(offsetof(InstallKeysResponse, install_status) == 192);
 static_assert(offsetof(InstallKeysResponse, reserved) == 224);
 static_assert(offsetof(InstallKeysResponse, reserved2) == 228);
 
+/// Ends the exchange from the client's side.
 struct [[gnu::packed, gnu::may_alias]] ConfirmInstallRequest {
   static constexpr MessageType kType = MessageType::CONFIRM_INSTALL_REQUEST;
 
@@ -199,6 +209,7 @@ static_assert(offsetof(ConfirmInstallRequest, session_token) == 160);
 static_assert(offsetof(ConfirmInstallRequest, status) == 225);
 static_assert(offsetof(ConfirmInstallRequest, reserved) == 257);
 
+/// Ends it from the server's side.
 struct [[gnu::packed, gnu::may_alias]] ConfirmInstallResponse {
   static constexpr MessageType kType = MessageType::CONFIRM_INSTALL_RESPONSE;
 
@@ -220,6 +231,10 @@ static_assert(offsetof(ConfirmInstallResponse, keys_active) == 196);
 static_assert(offsetof(ConfirmInstallResponse, reserved2) == 197);
 static_assert(offsetof(ConfirmInstallResponse, completed_at_us) == 198);
 static_assert(offsetof(ConfirmInstallResponse, reserved3) == 206);
+
+/// `error_code` of VersionResponse.
+constexpr std::uint32_t kVersionSelected = 0;
+constexpr std::uint32_t kNoCommonVersion = 1;
 
 /// Sent by every client, interpreted by no receiver.
 constexpr std::uint32_t kQueryFeatures = 3;

@@ -6,12 +6,11 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <cstring>
-#include <iomanip>
+#include <functional>
 #include <random>
-#include <sstream>
 
 #include "protocol/message_serializer.h"
+#include "util/hex.h"
 
 namespace dorve {
 namespace {
@@ -46,10 +45,7 @@ unsigned char* SessionToken::hmacSha256(const void* key, std::size_t keyLength, 
 }
 
 std::string SessionToken::bytesToHex(const unsigned char* bytes, std::size_t count) {
-  std::ostringstream hex;
-  hex << std::hex << std::setfill('0');
-  for (std::size_t i = 0; i < count; ++i) hex << std::setw(2) << static_cast<unsigned int>(bytes[i]);
-  return hex.str();
+  return toHex(bytes, count);
 }
 
 bool SessionToken::validateFormat(std::string_view text) {

@@ -28,6 +28,7 @@ class SessionToken {
   /// Whether a text is exactly 64 hexadecimal characters, of either case.
   static bool validateFormat(std::string_view text);
 
+  /// Wall clock, the reading of `MessageSerializer::getTimestampUs`.
   static std::uint64_t getCurrentTimeUs();
 
   /// `timeUs` plus `kTokenLifetimeUs`, unchecked.

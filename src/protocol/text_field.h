@@ -1,7 +1,6 @@
 #ifndef DORVE_PROTOCOL_TEXT_FIELD_H_
 #define DORVE_PROTOCOL_TEXT_FIELD_H_
 
-#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <string_view>
@@ -19,8 +18,7 @@ std::string_view readText(const char (&field)[N]) {
 /// NUL. A longer text is cut without notice.
 template <std::size_t N>
 void writeText(char (&field)[N], std::string_view text) {
-  const std::size_t size = std::min(text.size(), N - 1);
-  std::memcpy(field, text.data(), size);
+  const std::size_t size = text.copy(field, N - 1);
   std::memset(field + size, 0, N - size);
 }
 

@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "protocol/endpoints.h"
 #include "protocol/version_list.h"
 
 namespace dorve {
@@ -15,8 +16,8 @@ std::int32_t refuse(std::int32_t result) {
 }  // namespace
 
 VersionManager::VersionManager() {
-  writeText(currentVersion, "1.0");
-  writeText(supportedVersions, "1.0");
+  writeText(currentVersion, kOwnVersion);
+  writeText(supportedVersions, kOwnVersion);
 }
 
 VersionQuery VersionManager::createVersionQuery(std::string_view requestId) const {
@@ -37,7 +38,8 @@ std::int32_t VersionManager::processVersionResponse(const VersionResponse& respo
                                                     char (&selectedVersion)[kVersionCapacity],
                                                     std::uint32_t& features) const {
   if (readText(response.request_id) != expectedRequestId) return refuse(kRefused);
-  if (response.error_code != 0) return refuse(response.error_code == 1 ? kNoCompatibleVersion : kRefused);
+  if (response.error_code != kVersionSelected)
+    return refuse(response.error_code == kNoCommonVersion ? kNoCompatibleVersion : kRefused);
 
   const std::string_view selected = readText(response.selected_version);
   if (selected.empty() || !isVersionSupported(selected, readText(supportedVersions))) return refuse(kRefused);

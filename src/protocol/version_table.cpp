@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 
+#include "protocol/endpoints.h"
 #include "protocol/version_list.h"
 
 namespace dorve {
@@ -23,7 +24,7 @@ std::uint16_t toNumber(std::string_view text) {
 
 }  // namespace
 
-VersionTable::VersionTable() : VersionTable("1.0", "1.0") {}
+VersionTable::VersionTable() : VersionTable(kOwnVersion, kOwnVersion) {}
 
 VersionTable::VersionTable(std::string_view current, std::string_view supported) {
   writeText(currentVersion, current);

@@ -39,7 +39,7 @@ class VersionTable {
   /// none.
   std::string findCommonVersion(std::string_view clientList) const;
 
-  /// What it offers, as texts.
+  /// Its own version, and the list that it offers.
   std::string_view current() const { return readText(currentVersion); }
   std::string_view supported() const { return readText(supportedVersions); }
 

@@ -3,15 +3,15 @@
 #include <iostream>
 
 #include "client/ssh_directory.h"
+#include "protocol/endpoints.h"
 #include "server/dorve_server.h"
 
 int main() {
   const std::string sshDir = dorve::findUserSshDirectory();
   if (sshDir.empty()) return 1;
 
-  std::cout << "Starting DORVE Server (Base) "
-            << "v1.0" << std::endl;
-  dorve::DorveServer server("172.20.10.1", 8888, sshDir);
+  std::cout << "Starting DORVE Server (Base) " << dorve::kBannerVersion << std::endl;
+  dorve::DorveServer server(dorve::kServerAddress, dorve::kPort, sshDir);
   if (!server.start()) {
     std::cerr << "Server failed" << std::endl;
     return 1;

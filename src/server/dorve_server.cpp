@@ -1,16 +1,16 @@
 #include "server/dorve_server.h"
 
-#include <sys/stat.h>
-
 #include <cstring>
 #include <iostream>
 #include <new>
 
+#include "keys/key_material.h"
+#include "keys/ssh_files.h"
+#include "protocol/endpoints.h"
+
 namespace dorve {
 namespace {
 
-constexpr const char* kListenAddress = "172.20.10.1";
-constexpr std::uint16_t kListenPort = 8888;
 constexpr int kBacklog = 1;
 constexpr unsigned long kListenerTimeoutMs = 60000;
 constexpr unsigned long kClientTimeoutMs = 5000;
@@ -39,9 +39,8 @@ void tellException(const NqSocketException& failure) {
 }  // namespace
 
 DorveServer::DorveServer(const std::string& /*address*/, int /*port*/, const std::string& directory)
-    : sshDir(directory), keyName("base_slice_exchange") {
-  mkdir(sshDir.c_str(), 0700);
-  chmod(sshDir.c_str(), 0700);
+    : sshDir(directory), keyName(kPairingKeyName) {
+  makeSshDirectory(sshDir);
 }
 
 DorveServer::~DorveServer() = default;
@@ -52,7 +51,7 @@ bool DorveServer::start() {
     NqSocket listener(true);
     listener.setReuseAddr(true);
     listener.setTimeout(kListenerTimeoutMs);
-    listener.bind(makeAddress(kListenAddress, kListenPort), kBindRetries, kBindRetryMs);
+    listener.bind(makeAddress(kServerAddress, kPort), kBindRetries, kBindRetryMs);
     listener.listen(kBacklog);
     NqSocket client = listener.accept();
     client.setTimeout(kClientTimeoutMs);

@@ -1,16 +1,12 @@
 // The server's five handlers: each answers one kind of request with one whole response.
 #include <cstdio>
 
+#include "protocol/endpoints.h"
 #include "protocol/session_token.h"
 #include "server/dorve_server.h"
 
 namespace dorve {
 namespace {
-
-constexpr const char* kClientHost = "172.20.10.2";
-
-constexpr std::uint32_t kVersionSelected = 0;
-constexpr std::uint32_t kNoCommonVersion = 1;
 
 /// What every response has in common: zeroed, header, the request's id, the body that `fill` gives it,
 /// sealed. The client's sequence number is not echoed.
@@ -61,7 +57,7 @@ VerifyKeysResponse DorveServer::handleVerifyKeys(const VerifyKeysRequest* reques
 InstallKeysResponse DorveServer::handleInstallKeys(const InstallKeysRequest* request) {
   return respondTo<InstallKeysResponse>(request, [this](InstallKeysResponse& response) {
     addAuthKey(peerPublicKey);
-    addSshConfig(kClientHost);
+    addSshConfig(kClientAddress);
     writeText(response.install_status, kStatusCompleted);
     writeText(response.status, kStatusCompleted);
   });

@@ -4,7 +4,7 @@
 namespace dorve {
 
 /// Sleeps for `ms` milliseconds with nanosleep(2), going on with the remaining time after a signal. Any other
-/// error ends the sleep early and is not reported. `sleepMs(0)` returns at once.
+/// error ends the sleep early and is not reported.
 void sleepMs(unsigned int ms);
 
 }  // namespace dorve

@@ -48,15 +48,13 @@ TEST(TextField, IsReadToItsCapacityAndWrittenWithItsNul) {
 
 TEST(Version, IsParsedAndComparedAsNumbers) {
   const VersionTable table;
-  for (const char* text : {"2.1", "DORVE/2.1", " 2.+1x", "65538.65537", "2x.1.9"})
-    EXPECT_EQ(table.getFeaturesForVersion(text), 15) << text;
-  for (const char* text : {"1.0", "2.2", "2", "dorve/2.1", "DORVE/DORVE/2.1"})
-    EXPECT_EQ(table.getFeaturesForVersion(text), 0) << text;
-  EXPECT_TRUE(table.getFeaturesForVersion("1.1") == 1 && table.getFeaturesForVersion("2.") == 3);
+  const auto mask = [&](const char* text) { return table.getFeaturesForVersion(text); };
+  for (auto text : {"2.1", "DORVE/2.1", " 2.+1x", "65538.65537", "2x.1.9"}) EXPECT_EQ(mask(text), 15) << text;
+  for (auto text : {"1.0", "2.2", "2", "dorve/2.1", "DORVE/DORVE/2.1"}) EXPECT_EQ(mask(text), 0) << text;
+  EXPECT_TRUE(mask("1.1") == 1 && mask("2.") == 3);
   for (const auto& [a, b] : {std::pair{"1.10", "1.9"}, {"2.0", "1.9"}, {".5", "a.b"}})
     EXPECT_TRUE(table.compareVersions(a, b) == 1 && table.compareVersions(b, a) == -1) << a;
-  for (const auto& [a, b] : {std::pair{"1.0", "DORVE/1.0"}, {"1.0", "2"}, {"2", "1.0"}})
-    EXPECT_EQ(table.compareVersions(a, b), 0) << a;
+  EXPECT_TRUE(table.compareVersions("1.0", "DORVE/1.0") == 0 && table.compareVersions("2", "0.9") == 0);
 }
 
 TEST(Version, IsFoundAsOneTrimmedItemAndTheNewestCommonOneChosen) {
@@ -103,8 +101,8 @@ TEST(RequestId, HasItsForm) {
   unsigned int random = 0;
   EXPECT_EQ(std::sscanf(id.c_str(), "REQ-base-%lu-%x", &ms, &random), 2) << id;
   EXPECT_EQ(id, TestAccess::requestId("base", ms, random));
-  EXPECT_LT(RequestIdGenerator::getMonotonicTimeMs() - ms, 1000u);
-  EXPECT_NE(RequestIdGenerator::getSecureRandom(), random);
+  EXPECT_TRUE(RequestIdGenerator::getMonotonicTimeMs() - ms < 1000 &&
+              RequestIdGenerator::getSecureRandom() != random);
 }
 
 TEST(SessionToken, IsTheMacOfTheSeededBlockAndLastsAnHour) {

@@ -97,8 +97,8 @@ class DorveClient {
   char localPublicKey[kPublicKeyCapacity] = {};
   char peerPublicKey[kPublicKeyCapacity] = {};
   char sessionToken[kTokenCapacity] = {};
-  std::uint64_t stateEnteredMs =
-      0;                         ///< steady clock; like the phase and the error code read by a debugger only
+  // The time of the last transition (steady clock), the phase and the error code are kept for a debugger.
+  std::uint64_t stateEnteredMs = 0;
   std::uint32_t retryCount = 0;  ///< for the whole run, never reset
   std::uint32_t currentPhase = 0;
   [[maybe_unused]] std::int32_t unusedDescriptor = -1;  ///< read by nothing; the connection is in `socket`

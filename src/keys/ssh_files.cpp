@@ -27,7 +27,8 @@ void keepForeignLines(std::string& text, std::string_view obsolete) {
     const auto next = std::find(line, text.cend(), '\n') + 1;
     const std::string_view content(line, next - 1);
     if (!content.empty() && content.find(obsolete) == std::string_view::npos) {
-      kept = kept == line ? kept + (next - line) : std::copy(line, next, kept);
+      if (kept != line) std::copy(line, next, kept);
+      kept += next - line;
     }
     line = next;
   }

@@ -14,7 +14,7 @@ class NqSocketException : public std::runtime_error {
  public:
   NqSocketException(const std::string& message, int error);
 
-  std::int32_t errorCode;
+  std::int32_t errorCode;  ///< the errno of the failing call, or 0
 };
 
 /// An IPv4 address and port (host order) as the socket calls want it. An address that is not dotted decimal
@@ -37,6 +37,7 @@ class NqSocket {
   /// Takes over a descriptor, with no remembered options. Throws "Invalid file descriptor provided" below 0.
   explicit NqSocket(int descriptor);
 
+  /// The descriptor changes hands; the options are copied, so a moved-from socket still remembers them.
   NqSocket(NqSocket&& other) noexcept;
   NqSocket& operator=(NqSocket&& other) noexcept;
   NqSocket(const NqSocket&) = delete;

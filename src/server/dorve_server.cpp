@@ -30,9 +30,9 @@ std::uint16_t typeOf(const std::uint8_t* message) {
   return reinterpret_cast<const MessageHeader*>(message)->type;
 }
 
-/// The one word that the log has for a failed socket; what failed is not told.
+/// The one word that the log has for a failed socket. What failed is there for a debugger that stops here.
 void tellException(const NqSocketException& failure) {
-  static_cast<void>(failure.what());
+  [[maybe_unused]] const char* what = failure.what();
   std::cerr << "Exception" << std::endl;
 }
 
@@ -66,11 +66,13 @@ bool DorveServer::start() {
 void DorveServer::processRequest(NqSocket& client) try {
   std::uint8_t request[SERVER_RECEIVE_BUFFER];
   std::uint8_t response[sizeof(ExchangeKeysResponse)];
-  for (bool closed = false;;) {
-    const std::size_t received = receiveMessage(client, request, closed);
-    if (closed) return;
-    if (received == 0) continue;
-
+  for (;;) {
+    const std::size_t received = client.receive(request, sizeof request);
+    if (received == 0) return;
+    if (!completeMessage(client, request, received)) {
+      tellError();
+      continue;
+    }
     const std::string_view requestId = requestIdOf(request);
     if (const CacheEntry* known = responseCache.lookup(requestId)) {
       client.sendAll(known->response, known->responseSize);
@@ -89,37 +91,25 @@ void DorveServer::processRequest(NqSocket& client) try {
   tellException(failure);
 }
 
-std::size_t DorveServer::receiveMessage(NqSocket& client, std::uint8_t* buffer, bool& closed) {
-  std::size_t received = client.receive(buffer, SERVER_RECEIVE_BUFFER);
-  if (received == 0) {
-    closed = true;
-    return 0;
-  }
-  const auto refuse = [] {
-    tellError();
-    return std::size_t{0};
-  };
-  if (received < kHeaderSize) return refuse();
-
+bool DorveServer::completeMessage(NqSocket& client, std::uint8_t* buffer, std::size_t received) {
+  if (received < kHeaderSize) return false;
   MessageSerializer::decodeHeader(buffer);
   const std::uint32_t length = reinterpret_cast<const MessageHeader*>(buffer)->length;
-  if (length > SERVER_RECEIVE_BUFFER) return refuse();
+  if (length > SERVER_RECEIVE_BUFFER) return false;
   while (received < length) {
     const std::size_t more = client.receive(buffer + received, length - received);
     if (more == 0) {
-      // Told twice, once for the end of the stream and once for the message that it cut: readers of the log
-      // know a cut message by the pair.
+      // Told here and once more by the caller, for the end of the stream and for the message that it cut:
+      // readers of the log know a cut message by the pair.
       tellError();
-      return refuse();
+      return false;
     }
     received += more;
   }
   // What an earlier message left behind this one must not be taken for a part of it.
   std::memset(buffer + received, 0, SERVER_RECEIVE_BUFFER - received);
-
-  if (!MessageSerializer::validateChecksum(buffer, received)) return refuse();
-  if (!MessageSerializer::validateHeader(buffer, typeOf(buffer), received)) return refuse();
-  return received;
+  return MessageSerializer::validateChecksum(buffer, received) &&
+         MessageSerializer::validateHeader(buffer, typeOf(buffer), received);
 }
 
 std::size_t DorveServer::dispatch(const std::uint8_t* request, std::uint8_t* response) {

@@ -79,9 +79,9 @@ class DorveServer {
  private:
   friend struct TestAccess;
 
-  /// Reads one message into `buffer`, header decoded, zeroes behind it. Gives its size in bytes; 0 for one
-  /// that was cut, too large or unsound, which it told.
-  std::size_t receiveMessage(NqSocket& client, std::uint8_t* buffer, bool& closed);
+  /// Receives what is missing of the message that begins with the `received` bytes in `buffer`, decodes its
+  /// header and zeroes all behind it. Whether it is whole, not too large, and sound.
+  static bool completeMessage(NqSocket& client, std::uint8_t* buffer, std::size_t received);
 
   /// Builds the response to a sound request in `response`; its size in bytes, or 0 for an unknown type.
   std::size_t dispatch(const std::uint8_t* request, std::uint8_t* response);

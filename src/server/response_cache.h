@@ -45,13 +45,11 @@ class ResponseCache {
   std::uint32_t findLruIndex() const;
 
  private:
-  friend struct TestAccess;
-
   CacheEntry* find(std::string_view requestId);
 
   CacheEntry entries[kCacheEntries] = {};
-  std::uint32_t nextIndex = 0;
-  std::uint32_t count = 0;
+  std::uint32_t nextIndex = 0;  ///< where the next new entry goes
+  std::uint32_t count = 0;      ///< of entries; bookkeeping for a debugger
 };
 
 }  // namespace dorve

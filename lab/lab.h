@@ -1,5 +1,5 @@
-#ifndef DORVE_TESTS_LAB_H_
-#define DORVE_TESTS_LAB_H_
+#ifndef DORVE_LAB_LAB_H_
+#define DORVE_LAB_LAB_H_
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
@@ -91,4 +91,4 @@ class LabTest : public testing::Test {
 
 }  // namespace dorve
 
-#endif  // DORVE_TESTS_LAB_H_
+#endif  // DORVE_LAB_LAB_H_

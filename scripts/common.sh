@@ -69,7 +69,8 @@ release_services() {
 install_missing() {
   local package missing=() leash leash_holder
   for package in "$@"; do
-    if [[ $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) != installed ]]; then
+    # One line for each architecture that it is known for.
+    if ! dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed; then
       missing+=("$package")
     fi
   done

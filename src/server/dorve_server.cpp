@@ -30,6 +30,14 @@ std::uint16_t typeOf(const std::uint8_t* message) {
   return reinterpret_cast<const MessageHeader*>(message)->type;
 }
 
+/// Has a handler build its response in place in `response`; gives its size.
+template <typename Request, typename Response>
+std::size_t answer(DorveServer& server, Response (DorveServer::*handle)(const Request*),
+                   const std::uint8_t* request, std::uint8_t* response) {
+  new (response) Response((server.*handle)(reinterpret_cast<const Request*>(request)));
+  return sizeof(Response);
+}
+
 /// The one word that the log has for a failed socket. What failed is there for a debugger that stops here.
 void tellException(const NqSocketException& failure) {
   [[maybe_unused]] const char* what = failure.what();
@@ -113,22 +121,17 @@ bool DorveServer::completeMessage(NqSocket& client, std::uint8_t* buffer, std::s
 }
 
 std::size_t DorveServer::dispatch(const std::uint8_t* request, std::uint8_t* response) {
-  const auto answer = [&]<typename Request, typename Response>(
-                          Response (DorveServer::*handle)(const Request*)) -> std::size_t {
-    new (response) Response((this->*handle)(reinterpret_cast<const Request*>(request)));
-    return sizeof(Response);
-  };
   switch (static_cast<MessageType>(typeOf(request))) {
     case MessageType::VERSION_QUERY:
-      return answer(&DorveServer::handleVersionQuery);
+      return answer(*this, &DorveServer::handleVersionQuery, request, response);
     case MessageType::EXCHANGE_KEYS_REQUEST:
-      return answer(&DorveServer::handleExchangeKeys);
+      return answer(*this, &DorveServer::handleExchangeKeys, request, response);
     case MessageType::VERIFY_KEYS_REQUEST:
-      return answer(&DorveServer::handleVerifyKeys);
+      return answer(*this, &DorveServer::handleVerifyKeys, request, response);
     case MessageType::INSTALL_KEYS_REQUEST:
-      return answer(&DorveServer::handleInstallKeys);
+      return answer(*this, &DorveServer::handleInstallKeys, request, response);
     case MessageType::CONFIRM_INSTALL_REQUEST:
-      return answer(&DorveServer::handleConfirm);
+      return answer(*this, &DorveServer::handleConfirm, request, response);
     default:
       return 0;
   }

@@ -9,6 +9,7 @@
 #include "keys/ssh_files.h"
 
 namespace dorve {
+
 namespace fs = std::filesystem;
 
 /// An SSH directory for one test.

@@ -5,6 +5,7 @@
 #include "test_access.h"
 
 namespace dorve {
+
 using Serializer = MessageSerializer;
 
 TEST(Message, QueryIsCheckedInItsHeaderAndTheseBytesOnTheWire) {

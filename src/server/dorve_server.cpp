@@ -7,6 +7,7 @@
 #include "keys/key_material.h"
 #include "keys/ssh_files.h"
 #include "protocol/endpoints.h"
+#include "protocol/session_token.h"
 
 namespace dorve {
 namespace {
@@ -61,6 +62,8 @@ bool DorveServer::start() {
     listener.setTimeout(kListenerTimeoutMs);
     listener.bind(makeAddress(kServerAddress, kPort), kBindRetries, kBindRetryMs);
     listener.listen(kBacklog);
+    // The library loads what a MAC needs when it makes the first one: now, while nobody waits for an answer.
+    SessionToken::generate(tokenSeed, readText(tokenSeed).size());
     NqSocket client = listener.accept();
     client.setTimeout(kClientTimeoutMs);
     processRequest(client);

@@ -1,5 +1,6 @@
 #include "keys/file_text.h"
 
+#include <filesystem>
 #include <fstream>
 
 namespace dorve {
@@ -7,6 +8,10 @@ namespace dorve {
 std::optional<std::string> readFileText(const std::string& path) {
   std::string text;
   std::ifstream file(path, std::ios::binary);
+  std::error_code unknown;
+  const auto size = std::filesystem::file_size(path, unknown);
+  // Room for the line that an edit adds, too, so that a large file is not copied for it.
+  if (!unknown) text.reserve(size + 8192);
   char chunk[16384];
   while (file) {
     file.read(chunk, sizeof chunk);

@@ -2,7 +2,7 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
+#include <cstring>
 #include <fstream>
 #include <string_view>
 
@@ -22,17 +22,19 @@ std::string_view textOrNothing(const char* text) {
 /// was not.
 void keepForeignLines(std::string& text, std::string_view obsolete) {
   if (!text.empty() && text.back() != '\n') text += '\n';
-  auto kept = text.begin();
-  for (auto line = text.cbegin(); line != text.cend();) {
-    const auto next = std::find(line, text.cend(), '\n') + 1;
-    const std::string_view content(line, next - 1);
-    if (!content.empty() && content.find(obsolete) == std::string_view::npos) {
-      if (kept != line) std::copy(line, next, kept);
-      kept += next - line;
+  std::size_t kept = 0;
+  // One search that runs ahead of the lines, not one in each: the rare match decides about its line alone.
+  std::size_t match = text.find(obsolete);
+  for (std::size_t line = 0, next = 0; line < text.size(); line = next) {
+    next = text.find('\n', line) + 1;
+    if (match < next) {
+      match = text.find(obsolete, next);
+    } else if (const std::size_t size = next - line; size > 1) {
+      if (kept != line) std::memmove(&text[kept], &text[line], size);
+      kept += size;
     }
-    line = next;
   }
-  text.erase(kept, text.end());
+  text.resize(kept);
 }
 
 /// The edit that authorized_keys and known_hosts share: lines that hold `obsolete` go, `entry` ends the file.

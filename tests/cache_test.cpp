@@ -4,18 +4,6 @@
 
 namespace dorve {
 
-TEST(ResponseCache, RepeatsTheFirstResponseOfTheLastTenIds) {
-  ResponseCache cache;
-  const std::string ids = "ABCDEFGHIJAK";
-  for (std::size_t i = 0; i < 11; ++i) cache.store(ids.substr(i, 1), ids.data(), i + 1);
-  const CacheEntry* oldest = cache.lookup("A");
-  EXPECT_TRUE(oldest->responseSize == 1 && oldest->hitCount == 2);
-  cache.store("K", "xyz", 3);
-  EXPECT_EQ(cache.lookup("K"), oldest);
-  EXPECT_EQ(std::string(oldest->response, oldest->response + oldest->responseSize), "xyz");
-  for (const char id : ids) EXPECT_EQ(cache.lookup({&id, 1}) == nullptr, id == 'A') << id;
-}
-
 TEST(ResponseCache, ComparesIdsWholeAndRefusesWhatDoesNotFit) {
   ResponseCache cache;
   const std::string id(200, 'i'), response(8193, 'r');

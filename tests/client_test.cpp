@@ -15,56 +15,12 @@
 namespace dorve {
 namespace {
 
-constexpr const char* kRun =
-    "Starting DORVE Client (Base) v1.0\n"
-    "DORVE Client starting protocol\n"
-    "State transition: INIT -> INIT\n"
-    "Regenerating SSH keys...\n"
-    "Waiting for interface 'bsab' to be ready...\n"
-    "Interface 'bsab' is ready\n"
-    "Connected to server\n"
-    "Phase 0: VERSION_NEGOTIATION\n"
-    "State transition: INIT -> VERSION_QUERY_SENDING\n"
-    "Sent message, size=484 bytes\n"
-    "State transition: VERSION_QUERY_SENDING -> VERSION_QUERY_SENT\n"
-    "Received response, size=512 bytes\n"
-    "Successful\n"
-    "Phase 1: EXCHANGE_KEYS\n"
-    "State transition: VERSION_QUERY_SENT -> EXCHANGE_KEYS_SENDING\n"
-    "Sent message, size=4588 bytes\n"
-    "State transition: EXCHANGE_KEYS_SENDING -> EXCHANGE_KEYS_SENT\n"
-    "Received response, size=4624 bytes\n"
-    "State transition: EXCHANGE_KEYS_SENT -> KEYS_EXCHANGED\n"
-    "Keys exchanged, session_token received\n"
-    "Phase 2: VERIFY_KEYS\n"
-    "State transition: KEYS_EXCHANGED -> VERIFY_KEYS_SENDING\n"
-    "Sent message, size=385 bytes\n"
-    "State transition: VERIFY_KEYS_SENDING -> VERIFY_KEYS_SENT\n"
-    "Received response, size=354 bytes\n"
-    "State transition: VERIFY_KEYS_SENT -> KEYS_VERIFIED\n"
-    "Keys verified successfully\n"
-    "Phase 3: INSTALL_KEYS\n"
-    "State transition: KEYS_VERIFIED -> INSTALL_KEYS_SENDING\n"
-    "Installing keys locally (idempotent)\n"
-    "Sent message, size=768 bytes\n"
-    "State transition: INSTALL_KEYS_SENDING -> INSTALL_KEYS_SENT\n"
-    "Received response, size=508 bytes\n"
-    "State transition: INSTALL_KEYS_SENT -> KEYS_INSTALLED\n"
-    "Keys installed on both sides\n"
-    "Phase 4: CONFIRM\n"
-    "State transition: KEYS_INSTALLED -> CONFIRM_SENDING\n"
-    "Sent message, size=284 bytes\n"
-    "State transition: CONFIRM_SENDING -> CONFIRM_SENT\n"
-    "Received response, size=473 bytes\n"
-    "Protocol confirmed complete, keys_active=1\n"
-    "State transition: CONFIRM_SENT -> COMPLETE\n"
-    "DORVE Protocol completed successfully\n"
-    "Client completed successfully\n";
+/// What a good run prints, as the documentation has it.
+const std::string kRun = readFile(DORVE_DOCS "/client-run.txt");
 
 /// What a good run prints up to the line that ends in `end`, and that line.
 std::string runUntil(const std::string& end) {
-  const std::string run = kRun;
-  return run.substr(0, run.find(end + "\n") + end.size() + 1);
+  return kRun.substr(0, kRun.find(end + "\n") + end.size() + 1);
 }
 
 const struct {

@@ -11,7 +11,21 @@ build_packages=(g++ cmake ninja-build libssl-dev libgtest-dev)
 # shellcheck disable=SC2034
 clang_packages=(clang)
 # shellcheck disable=SC2034
+deb_packages=(g++ cmake ninja-build libssl-dev dpkg-dev)
+# shellcheck disable=SC2034 # of libstdc++6 dpkg-shlibdeps reads what a program needs
+arm64_packages=(g++-aarch64-linux-gnu libssl-dev:arm64 libstdc++6:arm64)
+# shellcheck disable=SC2034
+deb_test_packages=(lintian mandoc mmdebstrap qemu-user-static)
+# shellcheck disable=SC2034
+fuzz_packages=(clang libclang-rt-14-dev)
+# shellcheck disable=SC2034
 lab_packages=(iproute2 mount util-linux openssh-server openssh-client)
+# shellcheck disable=SC2034 # tshark brings dumpcap along
+wire_packages=(tshark)
+# shellcheck disable=SC2034
+fault_packages=(strace time)
+# shellcheck disable=SC2034
+bench_packages=(libbenchmark-dev zlib1g-dev sshpass gnuplot-nox)
 
 bold='' plain=''
 if [[ -t 1 ]]; then

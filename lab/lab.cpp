@@ -27,6 +27,7 @@ pid_t launch(const std::vector<std::string>& command, int in, int out, int err) 
   const pid_t child = fork();
   if (child != 0) return child;
   prctl(PR_SET_PDEATHSIG, SIGKILL);
+  setpgid(0, 0);  // a signal to a whole group on a host stays there
   if (in >= 0) dup2(in, STDIN_FILENO);
   dup2(out, STDOUT_FILENO);
   dup2(err, STDERR_FILENO);
@@ -136,11 +137,13 @@ void writeFile(const std::string& path, const std::string& text) {
 }
 
 bool eventually(const std::function<bool()>& holds) {
-  for (int tries = 0; tries < 1000; ++tries) {
-    if (holds()) return true;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  bool held = holds();
+  while (!held && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    held = holds();
   }
-  return false;
+  return held;
 }
 
 }  // namespace dorve

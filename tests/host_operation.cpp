@@ -1,9 +1,10 @@
-// host-operation NAME [ARGUMENT...]: one operation that acts on the whole machine, for the tests to run on a
+// host-operation NAME [ARGUMENT...]: one operation that acts on a whole machine, for the tests to run on a
 // lab host. It refuses anywhere else: it ends processes, starts a daemon and mounts.
 #include <sys/stat.h>
 
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <string>
 
@@ -12,34 +13,35 @@
 
 namespace {
 
-/// A lab host has a plain file for its kernel log, and this directory on a /run of its own.
+/// A lab host has an init of its own, a plain file for its kernel log, and this directory on a /run of its
+/// own.
 bool onLabHost() {
-  struct stat log {};
-  struct stat lab {};
-  return stat("/dev/kmsg", &log) == 0 && S_ISREG(log.st_mode) && stat("/run/lab", &lab) == 0;
+  struct stat log = {};
+  struct stat lab = {};
+  std::ifstream init("/proc/1/cmdline");
+  const std::string command(std::istreambuf_iterator<char>(init), {});
+  return stat("/dev/kmsg", &log) == 0 && S_ISREG(log.st_mode) && stat("/run/lab", &lab) == 0 &&
+         command.find("lab/host") != std::string::npos;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   if (!onLabHost()) {
-    std::cerr << "not on a lab host" << std::endl;
+    std::cerr << "not on a lab host with processes and a kernel log of its own" << std::endl;
     return 77;
   }
   const std::string name = argc > 1 ? argv[1] : "";
+  if (name == "check") return 0;
   if (name == "mount" && argc == 4) return dorve::mountTmpfs(argv[2], argv[3]) ? 0 : 1;
 
+  const int pid = argc > 2 ? std::atoi(argv[2]) : 0;
+  if (name != "restart" && pid <= 0) return 2;
   dorve::DorveServer server("", 0, "/root/.ssh");
   const auto start = std::chrono::steady_clock::now();
-  if (name == "restart") {
-    server.restartSshdUnmanaged();
-  } else if (name == "terminate" && argc == 3) {
-    std::cout << server.terminateSshd(std::atoi(argv[2]));
-  } else if (name == "wait" && argc == 4) {
-    std::cout << server.waitForProcTerm(std::atoi(argv[2]), std::atoi(argv[3]));
-  } else {
-    return 2;
-  }
+  if (name == "restart") server.restartSshdUnmanaged();
+  if (name == "terminate") std::cout << server.terminateSshd(pid);
+  if (name == "wait" && argc == 4) std::cout << server.waitForProcTerm(pid, std::atoi(argv[3]));
   std::cout << " " << (std::chrono::steady_clock::now() - start) / std::chrono::milliseconds(1) << std::endl;
   return 0;
 }

@@ -4,14 +4,20 @@
 #include <fstream>
 
 namespace dorve {
+namespace {
+
+constexpr std::uintmax_t kMostReserved = 256 << 20;  // bytes
+
+}  // namespace
 
 std::optional<std::string> readFileText(const std::string& path) {
   std::string text;
   std::ifstream file(path, std::ios::binary);
   std::error_code unknown;
   const auto size = std::filesystem::file_size(path, unknown);
-  // Room for the line that an edit adds, too, so that a large file is not copied for it.
-  if (!unknown) text.reserve(size + 8192);
+  // Room for the line that an edit adds, too, so that a large file is not copied for it; up to a bound,
+  // because a size may be anything.
+  if (!unknown && size < kMostReserved) text.reserve(size + 8192);
   char chunk[16384];
   while (file) {
     file.read(chunk, sizeof chunk);

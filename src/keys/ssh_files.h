@@ -5,7 +5,8 @@
 
 /// Edits of the files of a user's SSH directory (sshd(8), ssh_config(5)). Each leaves its file with mode
 /// 0600, may be repeated any number of times, and reports no failure: a file that can't be opened counts as
-/// empty, a failed write is ignored. A file that opens but can't be read to its end is left as it is.
+/// empty, a failed write is ignored. A file that opens but can't be read to its end
+/// keeps its text. Hosts and key names are of one line.
 namespace dorve {
 
 /// Makes the directory, or leaves the one that is there, with mode 0700 where the process may.

@@ -57,9 +57,10 @@ class DorveServer {
   /// Whether a token has the form of one; the handlers take tokens as they come.
   bool validateSessionToken(const char* token) const;
 
-  /// Stops the sshd that /var/run/sshd.pid names, if one runs, and starts a fresh one in the background, its
-  /// output in the kernel log. Blocks for up to about 7 seconds. Prints "Warning" on standard error and goes
-  /// on when the old one would not end.
+  /// Stops the sshd that /var/run/sshd.pid names, if one runs, removes that file, and starts a fresh one in
+  /// the background, its output in the kernel log. A file that names no running sshd is left alone. Blocks
+  /// for up to about 7 seconds. Prints "Warning" on standard error, behind what `terminateSshd` prints, and
+  /// goes on when the old one would not end.
   void restartSshdUnmanaged();
 
   /// The process in the PID file when it is sshd, else -1.

@@ -27,13 +27,12 @@ const struct {
   const char* title;
   const char* response;
   const char* sent;
-  std::size_t size;
 } kPhases[] = {
-    {"Phase 0 (VERSION_NEGOTIATION)", "VERSION_RESPONSE", "-> VERSION_QUERY_SENT", 512},
-    {"Phase 1 (EXCHANGE_KEYS)", "EXCHANGE_KEYS_RESPONSE", "-> EXCHANGE_KEYS_SENT", 4624},
-    {"Phase 2 (VERIFY_KEYS)", "VERIFY_KEYS_RESPONSE", "-> VERIFY_KEYS_SENT", 354},
-    {"Phase 3 (INSTALL_KEYS)", "INSTALL_KEYS_RESPONSE", "-> INSTALL_KEYS_SENT", 508},
-    {"Phase 4 (CONFIRM)", "CONFIRM_INSTALL_RESPONSE", "-> CONFIRM_SENT", 473},
+    {"Phase 0 (VERSION_NEGOTIATION)", "VERSION_RESPONSE", "-> VERSION_QUERY_SENT"},
+    {"Phase 1 (EXCHANGE_KEYS)", "EXCHANGE_KEYS_RESPONSE", "-> EXCHANGE_KEYS_SENT"},
+    {"Phase 2 (VERIFY_KEYS)", "VERIFY_KEYS_RESPONSE", "-> VERIFY_KEYS_SENT"},
+    {"Phase 3 (INSTALL_KEYS)", "INSTALL_KEYS_RESPONSE", "-> INSTALL_KEYS_SENT"},
+    {"Phase 4 (CONFIRM)", "CONFIRM_INSTALL_RESPONSE", "-> CONFIRM_SENT"},
 };
 
 const std::string kServerKey = "ssh-ed25519 " + std::string(100, 'S') + " base_slice_exchange\n";

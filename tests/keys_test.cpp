@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 
 #include <filesystem>
 #include <fstream>
@@ -47,6 +49,20 @@ TEST_F(Keys, EditsLeaveTheseBytes) {
       EXPECT_EQ(readFileText(dir + file), after) << run;
       EXPECT_EQ(fs::status(dir + file).permissions(), fs::perms{0600}) << run;
     }
+  }
+}
+
+TEST_F(Keys, ABlockThatDidNotFitIsTakenBack) {
+  const std::string before = "Host 10.0.0.2\n";
+  std::ofstream(dir + "/config") << before;
+  signal(SIGXFSZ, SIG_IGN);  // a file that is too large is an error, as on a full disk
+  rlimit all{};
+  getrlimit(RLIMIT_FSIZE, &all);
+  const rlimit few{60, all.rlim_max};
+  for (const rlimit* limit : {&few, const_cast<const rlimit*>(&all)}) {
+    setrlimit(RLIMIT_FSIZE, limit);
+    addSshConfig(dir, "slice", "10.0.0.1");
+    EXPECT_EQ(readFileText(dir + "/config") == before, limit == &few);
   }
 }
 

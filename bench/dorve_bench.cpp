@@ -1,0 +1,205 @@
+// What could grow, beside what does the least that must be done: checksums, messages, requests, the cache and
+// the edit of a file. To be run on one CPU: a request is then the work of both ends and two switches of
+// threads, without the far longer waking of an idle CPU.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <malloc.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "keys/key_material.h"
+#include "keys/ssh_files.h"
+#include "protocol/endpoints.h"
+#include "server/dorve_server.h"
+
+namespace dorve {
+namespace {
+
+namespace fs = std::filesystem;
+using benchmark::State;
+
+constexpr const char* kServerDirectory = "server";  // apart, so that its edits stay small
+
+std::string requestId(std::size_t number) {
+  return "REQ-base-1-" + std::to_string(number);
+}
+
+std::uint32_t zlibCrc32(const void* data, std::size_t size) {
+  return static_cast<std::uint32_t>(crc32_z(0, static_cast<const Bytef*>(data), size));
+}
+
+void crc32(State& state, std::uint32_t (*calculate)(const void*, std::size_t)) {
+  const std::string bytes(static_cast<std::size_t>(state.range(0)), 'x');
+  for (auto _ : state) benchmark::DoNotOptimize(calculate(bytes.data(), bytes.size()));
+}
+BENCHMARK_CAPTURE(crc32, dorve, &MessageSerializer::calculateCrc32)->RangeMultiplier(2)->Range(64, 8192);
+BENCHMARK_CAPTURE(crc32, zlib, &zlibCrc32)->RangeMultiplier(2)->Range(64, 8192);
+
+template <typename Record>
+void sealRecord(State& state) {
+  auto record = makeRecord<Record>(requestId(0));
+  for (auto _ : state) {
+    seal(record);
+    benchmark::DoNotOptimize(record);
+    MessageSerializer::decodeHeader(&record);
+  }
+}
+
+template <typename Record>
+void checkRecord(State& state) {
+  auto record = makeRecord<Record>(requestId(0));
+  MessageSerializer::setChecksum(&record, sizeof record);
+  for (auto _ : state) {
+    MessageSerializer::encodeHeader(&record);
+    benchmark::DoNotOptimize(record);
+    MessageSerializer::decodeHeader(&record);
+    if (!MessageSerializer::validateChecksum(&record, sizeof record)) state.SkipWithError("refused");
+  }
+}
+
+void serve(int descriptor, const std::atomic<bool>& done) {
+  const auto server = std::make_unique<DorveServer>(kServerAddress, kPort, kServerDirectory);
+  NqSocket socket(descriptor);
+  while (!done) server->processRequest(socket);  // which returns after each confirmation
+}
+
+template <typename Request, typename Response>
+void echo(int descriptor, const std::atomic<bool>& /*done*/) {
+  const NqSocket owner(descriptor);
+  char buffer[SERVER_RECEIVE_BUFFER] = {};
+  for (;;) {
+    for (std::size_t size = 0; size < sizeof(Request);) {
+      const ssize_t more = recv(descriptor, buffer + size, sizeof buffer - size, 0);
+      if (more <= 0) return;
+      size += static_cast<std::size_t>(more);
+    }
+    if (send(descriptor, buffer, sizeof(Response), MSG_NOSIGNAL) <= 0) return;
+  }
+}
+
+/// Requests and their responses in turn, with a `peer` at the other end until it is done. More `ids` than the
+/// cache holds make each request a new one. The label is what the messages left on the heap, in bytes.
+template <typename Request, typename Response>
+void converse(State& state, void (*peer)(int, const std::atomic<bool>&), std::size_t ids) {
+  int ends[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) return state.SkipWithError("no sockets");
+  const timeval patience{5, 0};
+  setsockopt(ends[0], SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  std::atomic<bool> done = false;
+  std::thread thread([&] { peer(ends[1], done); });
+
+  std::vector<Request> requests;
+  for (std::size_t i = 0; i < ids; ++i) seal(requests.emplace_back(makeRecord<Request>(requestId(i))));
+  Response response;
+  std::size_t next = 0;
+  const auto exchange = [&] {
+    const Request& request = requests[next++ % ids];
+    return send(ends[0], &request, sizeof request, MSG_NOSIGNAL) == sizeof request &&
+           recv(ends[0], &response, sizeof response, MSG_WAITALL) == sizeof response;
+  };
+  bool answered = true;
+  for (std::size_t i = 0; i < ids; ++i) answered = answered && exchange();
+  const std::size_t heap = mallinfo2().uordblks;
+  for (auto _ : state) answered = answered && exchange();
+  state.SetLabel(std::to_string(static_cast<long>(mallinfo2().uordblks - heap)));
+  if (!answered) state.SkipWithError("no answer");
+
+  done = true;
+  shutdown(ends[0], SHUT_RDWR);
+  thread.join();
+  close(ends[0]);
+}
+
+template <typename Request, typename Response>
+bool addPhase(const std::string& name) {
+  const auto add = [&name](const std::string& what, auto function, auto... arguments) {
+    benchmark::RegisterBenchmark((what + '/' + name).c_str(), function, arguments...)->UseRealTime();
+  };
+  add("seal-request", sealRecord<Request>);
+  add("check-request", checkRecord<Request>);
+  add("seal-response", sealRecord<Response>);
+  add("check-response", checkRecord<Response>);
+  add("echo", converse<Request, Response>, echo<Request, Response>, 1);
+  add("request", converse<Request, Response>, serve, 2 * kCacheEntries);
+  add("repeated", converse<Request, Response>, serve, 1);
+  return true;
+}
+const bool added[] = {addPhase<VersionQuery, VersionResponse>("version"),
+                      addPhase<ExchangeKeysRequest, ExchangeKeysResponse>("exchange"),
+                      addPhase<VerifyKeysRequest, VerifyKeysResponse>("verify"),
+                      addPhase<InstallKeysRequest, InstallKeysResponse>("install"),
+                      addPhase<ConfirmInstallRequest, ConfirmInstallResponse>("confirm")};
+
+/// Looks in a full cache for the id stored last, or for one that is not there.
+void cache(State& state, bool hit) {
+  const auto responses = std::make_unique<ResponseCache>();
+  for (std::uint32_t i = 0; i < kCacheEntries; ++i) responses->store(requestId(i), "", 1);
+  const std::string id = requestId(hit ? kCacheEntries - 1 : kCacheEntries);
+  for (auto _ : state) {
+    if ((responses->lookup(id) != nullptr) != hit) state.SkipWithError("wrong answer");
+  }
+}
+BENCHMARK_CAPTURE(cache, hit, true);
+BENCHMARK_CAPTURE(cache, miss, false);
+
+/// A file of keys, a line of about 100 bytes each, an old pairing key in the middle; made once.
+std::string keyFile(long lines) {
+  std::string path = "keys-" + std::to_string(lines);
+  if (fs::exists(path)) return path;
+  std::ofstream file(path);
+  for (long i = 0; i < lines; ++i) {
+    file << "ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAI" << std::string(43, static_cast<char>('a' + i % 26)) << ' '
+         << (i == lines / 2 ? kPairingKeyName : "admin@host-" + std::to_string(i)) << '\n';
+  }
+  return path;
+}
+
+bool addKey(std::string& /*file*/) {
+  addAuthKey(".", kPairingKeyName, "ssh-ed25519 AAAAC3Nz base_slice_exchange\n");
+  return true;
+}
+
+bool grep(std::string& file) {
+  char program[] = "grep";
+  char option[] = "-v";
+  std::string text = kPairingKeyName;
+  char* words[] = {program, option, text.data(), file.data(), nullptr};
+  posix_spawn_file_actions_t streams;
+  posix_spawn_file_actions_init(&streams);
+  posix_spawn_file_actions_addopen(&streams, STDOUT_FILENO, "kept", O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  pid_t child = -1;
+  int status = posix_spawnp(&child, program, &streams, nullptr, words, environ);
+  posix_spawn_file_actions_destroy(&streams);
+  return status == 0 && waitpid(child, &status, 0) == child && status == 0;
+}
+
+/// Each round on a fresh copy of the file; the copying does not count.
+void edit(State& state, bool (*change)(std::string&)) {
+  const std::string original = keyFile(state.range(0));
+  std::string copy = "authorized_keys";
+  for (auto _ : state) {
+    fs::copy_file(original, copy, fs::copy_options::overwrite_existing);
+    const auto start = std::chrono::steady_clock::now();
+    if (!change(copy)) state.SkipWithError("failed");
+    state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+  }
+  state.SetComplexityN(state.range(0));
+}
+BENCHMARK_CAPTURE(edit, dorve, addKey)
+    ->RangeMultiplier(10)
+    ->Range(10, 1000000)
+    ->UseManualTime()
+    ->Complexity();
+BENCHMARK_CAPTURE(edit, grep, grep)->RangeMultiplier(10)->Range(10, 1000000)->UseManualTime()->Complexity();
+
+}  // namespace
+}  // namespace dorve

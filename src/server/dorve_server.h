@@ -78,8 +78,6 @@ class DorveServer {
   bool waitForProcTerm(int pid, int timeoutMs);
 
  private:
-  friend struct TestAccess;
-
   /// Receives what is missing of the message that begins with the `received` bytes in `buffer`, decodes its
   /// header and zeroes all behind it. Whether it is whole, not too large, and sound.
   static bool completeMessage(NqSocket& client, std::uint8_t* buffer, std::size_t received);

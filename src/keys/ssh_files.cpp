@@ -1,9 +1,9 @@
 #include "keys/ssh_files.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <string_view>
 
@@ -38,9 +38,16 @@ void keepForeignLines(std::string& text, std::string_view obsolete) {
   text.resize(kept);
 }
 
-/// Like all that changes a file here, it may fail without a word.
-void truncateFile(const std::string& path, std::size_t size) {
-  [[maybe_unused]] const int result = truncate(path.c_str(), static_cast<off_t>(size));
+/// Appends `text` whole or not at all: half a block that a full disk left would be taken for a whole one ever
+/// after. Goes back to the size that the file had, not to what could be read of it.
+void append(const std::string& path, std::string_view text) {
+  std::ofstream file(path, std::ios::binary | std::ios::app);
+  if (!file) return;
+  std::error_code failure;
+  const auto size = std::filesystem::file_size(path, failure);
+  file << text;
+  file.close();
+  if (!file && !failure) std::filesystem::resize_file(path, size, failure);
 }
 
 /// The edit that authorized_keys and known_hosts share: lines that hold `obsolete` go, `entry` ends the file.
@@ -79,17 +86,9 @@ void addSshConfig(const std::string& sshDir, const std::string& keyName, const c
   const auto text = readFileText(path);
   if (text && text->find(hostLine) == std::string::npos) {
     // The block's own first, empty line also ends a last line that had no end.
-    const std::string block = "\n" + hostLine + "\n    IdentityFile " + sshDir + "/" + keyName +
-                              "\n"
-                              "    IdentitiesOnly yes\n"
-                              "    StrictHostKeyChecking no\n"
-                              "    UserKnownHostsFile /dev/null\n";
-    std::ofstream file(path, std::ios::binary | std::ios::app);
-    const bool opened = file.is_open();
-    file << block;
-    file.close();
-    // A block that a full disk cut would be taken for a whole one ever after.
-    if (opened && !file) truncateFile(path, text->size());
+    append(path,
+           "\n" + hostLine + "\n    IdentityFile " + sshDir + "/" + keyName +
+               "\n    IdentitiesOnly yes\n    StrictHostKeyChecking no\n    UserKnownHostsFile /dev/null\n");
   }
   chmod(path.c_str(), kFileMode);
 }

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What could grow, beside what does the least that must be done: checksums, messages, requests, the cache and
 // the edit of a file. To be run on one CPU: a request is then the work of both ends and two switches of
 // threads, without the far longer waking of an idle CPU.

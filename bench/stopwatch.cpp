@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // stopwatch WANTED PROGRAM [ARGUMENT...]: runs a program and prints what it saw of it from outside, as lines
 // "NANOSECONDS EVENT" on the steady clock, which all hosts on one machine share: `start`, `exit STATUS`, and
 // what the letters of WANTED ask for (l and c don't go together):

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Builds for Debian's arm64 with Debian's cross compiler, against the arm64 libraries that dpkg puts beside
 # the machine's own.
 set(CMAKE_SYSTEM_NAME Linux)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Warnings for every build, and the hardening that Debian gives its own packages: position-independent
 # programs, full RELRO with immediate binding, stack protector, fortified libc calls.
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion)

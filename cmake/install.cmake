@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # What `cmake --install` puts where, after GNUInstallDirs. Man pages and units take the version and the paths
 # from this build.
 include(GNUInstallDirs)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # dorve_layer(NAME SOURCES file... [USES layer...])
 #
 # One folder of src/ as one object library, `layer_NAME`. Its headers are reached as "NAME/header.h" through a

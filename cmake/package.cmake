@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The Debian package, by CPack. Its name for the architecture is that of the target, its dependencies are
 # what dpkg-shlibdeps finds in the programs, and ssh-keygen, which they run.
 set(maintainer "The DORVE authors <dorve@example.org>")

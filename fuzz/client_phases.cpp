@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The client's phases on whatever a server may answer.
 #include "../tests/test_access.h"
 #include "fuzz.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #ifndef DORVE_FUZZ_FUZZ_H_
 #define DORVE_FUZZ_FUZZ_H_
 

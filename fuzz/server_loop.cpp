@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The server's request loop on whatever a client may send.
 #include "fuzz.h"
 #include "server/dorve_server.h"

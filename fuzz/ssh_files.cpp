@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The edits of authorized_keys, known_hosts and config on whatever a user's files may hold.
 #include "keys/ssh_files.h"
 

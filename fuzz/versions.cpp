@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Version texts and lists: what holds for any text that a peer may put in one.
 #include <sstream>
 

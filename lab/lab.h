@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #ifndef DORVE_LAB_LAB_H_
 #define DORVE_LAB_LAB_H_
 

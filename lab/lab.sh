@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # The lab for scripts; to be sourced after scripts/common.sh. It touches what lab/up touches: nothing that
 # outlives it. A script that starts a lab ends it in its EXIT trap; if it is killed, the lab ends by itself.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Draws docs/performance-*.svg from what scripts/bench measured; it passes `statistics` (the file) and `docs`.
 set datafile separator "\t"
 set terminal svg size 800,400 dynamic background "white" font "sans-serif,13"

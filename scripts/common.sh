@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # What the scripts share; to be sourced. It installs Debian packages where asked to and writes to build/.
 # Nothing else of the machine changes: services that a package brings are not started by its installation.

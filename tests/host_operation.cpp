@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // host-operation NAME [ARGUMENT...]: one operation that acts on a whole machine, for the tests to run on a
 // lab host. It refuses anywhere else: it ends processes, starts a daemon and mounts.
 #include <sys/stat.h>

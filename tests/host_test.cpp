@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Operations that act on a whole machine: the restart of sshd, mounts. They run on a lab host, which has its
 // own processes, mounts, /run and kernel log; the tool that runs them refuses anywhere else.
 #include <sstream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #ifndef DORVE_TESTS_MESSAGES_H_
 #define DORVE_TESTS_MESSAGES_H_
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Both programs against each other, and what is then true of both hosts.
 #include <filesystem>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The server as a user runs it, on one host of the lab, against a client that the test scripts on the other.
 #include <sys/socket.h>
 

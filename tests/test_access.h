@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #ifndef DORVE_TESTS_TEST_ACCESS_H_
 #define DORVE_TESTS_TEST_ACCESS_H_
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The wire as docs/ has it and the dissector shows it, against what both programs send.
 #include <sstream>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The client's key and file operations: the shared ones of keys/, on this side's directory and key name.
 #include <iostream>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The client's five phases: one request and one response each.
 #include <iostream>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "client/client_state.h"
 
 #include <cstddef>

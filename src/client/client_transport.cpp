@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The client's transport: whole messages in and out, every socket exception turned into a line and a false.
 #include <algorithm>
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "client/dorve_client.h"
 
 #include <sys/stat.h>

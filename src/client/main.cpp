@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // dorve-client: finds the SSH directory, runs one client, maps the result to a status.
 #include <iostream>
 

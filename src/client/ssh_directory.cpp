@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "client/ssh_directory.h"
 
 #include <sys/stat.h>

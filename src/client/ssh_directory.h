@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #ifndef DORVE_CLIENT_SSH_DIRECTORY_H_
 #define DORVE_CLIENT_SSH_DIRECTORY_H_
 

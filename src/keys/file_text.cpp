@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "keys/file_text.h"
 
 #include <filesystem>

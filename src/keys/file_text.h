@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #ifndef DORVE_KEYS_FILE_TEXT_H_
 #define DORVE_KEYS_FILE_TEXT_H_
 

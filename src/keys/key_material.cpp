@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "keys/key_material.h"
 
 #include <openssl/sha.h>

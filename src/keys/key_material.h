@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #ifndef DORVE_KEYS_KEY_MATERIAL_H_
 #define DORVE_KEYS_KEY_MATERIAL_H_
 

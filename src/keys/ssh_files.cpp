@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "keys/ssh_files.h"
 
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #ifndef DORVE_KEYS_SSH_FILES_H_
 #define DORVE_KEYS_SSH_FILES_H_
 

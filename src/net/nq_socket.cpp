@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "net/nq_socket.h"
 
 #include <arpa/inet.h>

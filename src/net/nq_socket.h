@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #ifndef DORVE_NET_NQ_SOCKET_H_
 #define DORVE_NET_NQ_SOCKET_H_
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #ifndef DORVE_PROTOCOL_ENDPOINTS_H_
 #define DORVE_PROTOCOL_ENDPOINTS_H_
 

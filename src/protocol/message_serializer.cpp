@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "protocol/message_serializer.h"
 
 #include <bit>

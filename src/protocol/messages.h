@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #ifndef DORVE_PROTOCOL_MESSAGES_H_
 #define DORVE_PROTOCOL_MESSAGES_H_
 

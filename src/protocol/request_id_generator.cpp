@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "protocol/request_id_generator.h"
 
 #include <chrono>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "protocol/session_token.h"
 
 #include <openssl/crypto.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #ifndef DORVE_PROTOCOL_SESSION_TOKEN_H_
 #define DORVE_PROTOCOL_SESSION_TOKEN_H_
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #ifndef DORVE_PROTOCOL_VERSION_LIST_H_
 #define DORVE_PROTOCOL_VERSION_LIST_H_
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "protocol/version_manager.h"
 
 #include <iostream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "protocol/version_table.h"
 
 #include <cstdlib>

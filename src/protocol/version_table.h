@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #ifndef DORVE_PROTOCOL_VERSION_TABLE_H_
 #define DORVE_PROTOCOL_VERSION_TABLE_H_
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // dorve-server: finds the SSH directory, runs one server, maps the result to a status. It stands above
 // client/, which finds the directory for both programs, and server/, so that neither needs the other.
 #include <iostream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "server/dorve_server.h"
 
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #ifndef DORVE_SERVER_DORVE_SERVER_H_
 #define DORVE_SERVER_DORVE_SERVER_H_
 

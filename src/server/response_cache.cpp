@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "server/response_cache.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #ifndef DORVE_SERVER_RESPONSE_CACHE_H_
 #define DORVE_SERVER_RESPONSE_CACHE_H_
 

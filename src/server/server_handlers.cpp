@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The server's five handlers: each answers one kind of request with one whole response.
 #include <cstdio>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The server's key and file operations: the shared ones of keys/, on this side's directory and key name.
 // Unlike the client's they print nothing.
 #include "keys/key_material.h"

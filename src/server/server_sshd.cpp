@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The server's hold on an sshd that no service manager runs: find it, stop it, start a fresh one. Nothing in
 // a pairing calls this; sshd reads authorized_keys anew at every login.
 #include <signal.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "util/hex.h"
 
 namespace dorve {

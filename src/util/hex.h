@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #ifndef DORVE_UTIL_HEX_H_
 #define DORVE_UTIL_HEX_H_
 

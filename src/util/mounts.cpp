@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "util/mounts.h"
 
 #include <sys/mount.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "util/sleep.h"
 
 #include <cerrno>

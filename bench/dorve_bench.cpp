@@ -17,10 +17,10 @@
 #include <fstream>
 #include <thread>
 
-#include "keys/key_material.h"
-#include "keys/ssh_files.h"
-#include "protocol/endpoints.h"
-#include "server/dorve_server.h"
+#include "dorve/keys/key_material.h"
+#include "dorve/keys/ssh_files.h"
+#include "dorve/protocol/endpoints.h"
+#include "dorve/server/dorve_server.h"
 
 namespace dorve {
 namespace {

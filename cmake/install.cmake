@@ -1,23 +1,18 @@
 # SPDX-License-Identifier: MIT
-# What `cmake --install` puts where, after GNUInstallDirs. Man pages and units take the version and the paths
-# from this build.
+# What `cmake --install` puts where, in the directories of GNUInstallDirs. Man pages, units and the pkg-config file
+# take the version and the paths from this build.
 include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
 set(unit_dir lib/systemd/system) # where systemd looks, whatever the libraries' folder is
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/dorve)
 
-install(TARGETS dorve-client RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(TARGETS dorve-server RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS dorve-client dorve-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES wireshark/dorve.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/dorve)
 
-# install_compressed(FILE DESTINATION): without name and time in it, so that the same text gives the same
-# bytes.
-function(install_compressed file destination)
-  execute_process(COMMAND gzip --best --no-name --keep --force ${file} COMMAND_ERROR_IS_FATAL ANY)
-  install(FILES ${file}.gz DESTINATION ${destination})
-endfunction()
-
-foreach(page dorve-client.1 dorve-server.8 dorve.7)
+foreach(page dorve-client.1 dorve-server.1 dorve.7)
   configure_file(man/${page} ${PROJECT_BINARY_DIR}/man/${page} @ONLY)
   string(REGEX REPLACE ".*[.]" "" section ${page})
-  install_compressed(${PROJECT_BINARY_DIR}/man/${page} ${CMAKE_INSTALL_MANDIR}/man${section})
+  install(FILES ${PROJECT_BINARY_DIR}/man/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
 endforeach()
 
 foreach(program dorve-client dorve-server)
@@ -27,4 +22,15 @@ endforeach()
 install(FILES systemd/dorve-.service.d/sandbox.conf DESTINATION ${unit_dir}/dorve-.service.d)
 install(FILES systemd/80-dorve.preset DESTINATION lib/systemd/system-preset)
 
-install(FILES packaging/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
+# The library, for find_package(dorve CONFIG) and for pkg-config. Headers are included as <dorve/LAYER/header.h>.
+install(TARGETS dorve EXPORT dorve
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY src/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/dorve FILES_MATCHING PATTERN "*.h"
+  PATTERN runner EXCLUDE)
+install(EXPORT dorve NAMESPACE dorve:: FILE dorve-targets.cmake DESTINATION ${package_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/dorve-config-version.cmake COMPATIBILITY SameMajorVersion)
+install(FILES cmake/dorve-config.cmake ${PROJECT_BINARY_DIR}/dorve-config-version.cmake
+  DESTINATION ${package_dir})
+configure_file(cmake/dorve.pc.in ${PROJECT_BINARY_DIR}/dorve.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/dorve.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

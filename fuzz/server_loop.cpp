@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The server's request loop on whatever a client may send.
+#include "dorve/server/dorve_server.h"
 #include "fuzz.h"
-#include "server/dorve_server.h"
 
 using namespace dorve;
 

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 // The edits of authorized_keys, known_hosts and config on whatever a user's files may hold.
-#include "keys/ssh_files.h"
+#include "dorve/keys/ssh_files.h"
 
 #include <filesystem>
 #include <sstream>
 
+#include "dorve/keys/file_text.h"
 #include "fuzz.h"
-#include "keys/file_text.h"
 
 using namespace dorve;
 

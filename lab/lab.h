@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "net/nq_socket.h"
+#include "dorve/net/nq_socket.h"
 
 namespace dorve {
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <gtest/gtest.h>
 
-#include "server/response_cache.h"
+#include "dorve/server/response_cache.h"
 
 namespace dorve {
 

@@ -7,8 +7,8 @@
 #include <set>
 #include <thread>
 
-#include "client/dorve_client.h"
-#include "keys/key_material.h"
+#include "dorve/client/dorve_client.h"
+#include "dorve/keys/key_material.h"
 #include "lab.h"
 #include "messages.h"
 #include "test_access.h"

@@ -9,8 +9,8 @@
 #include <iostream>
 #include <string>
 
-#include "server/dorve_server.h"
-#include "util/mounts.h"
+#include "dorve/server/dorve_server.h"
+#include "dorve/util/mounts.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 #include <fstream>
 #include <functional>
 
-#include "keys/file_text.h"
-#include "keys/key_material.h"
-#include "keys/ssh_files.h"
+#include "dorve/keys/file_text.h"
+#include "dorve/keys/key_material.h"
+#include "dorve/keys/ssh_files.h"
 
 namespace dorve {
 

@@ -7,8 +7,8 @@
 #include <functional>
 #include <string>
 
-#include "net/nq_socket.h"
-#include "protocol/messages.h"
+#include "dorve/net/nq_socket.h"
+#include "dorve/protocol/messages.h"
 
 /// Messages as strings of wire bytes, for scripted peers.
 namespace dorve {

@@ -9,8 +9,8 @@
 #include <functional>
 #include <thread>
 
+#include "dorve/util/sleep.h"
 #include "test_access.h"
-#include "util/sleep.h"
 
 namespace dorve {
 namespace {

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <gtest/gtest.h>
 
-#include "protocol/messages.h"
-#include "protocol/version_manager.h"
+#include "dorve/protocol/messages.h"
+#include "dorve/protocol/version_manager.h"
 #include "test_access.h"
 
 namespace dorve {

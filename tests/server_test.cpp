@@ -4,9 +4,9 @@
 
 #include <algorithm>
 
+#include "dorve/protocol/session_token.h"
 #include "lab.h"
 #include "messages.h"
-#include "protocol/session_token.h"
 
 namespace dorve {
 namespace {

@@ -5,11 +5,11 @@
 #include <string>
 #include <utility>
 
-#include "client/dorve_client.h"
-#include "protocol/request_id_generator.h"
-#include "protocol/session_token.h"
-#include "protocol/version_table.h"
-#include "server/dorve_server.h"
+#include "dorve/client/dorve_client.h"
+#include "dorve/protocol/request_id_generator.h"
+#include "dorve/protocol/session_token.h"
+#include "dorve/protocol/version_table.h"
+#include "dorve/server/dorve_server.h"
 
 namespace dorve {
 

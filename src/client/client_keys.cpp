@@ -2,10 +2,10 @@
 // The client's key and file operations: the shared ones of keys/, on this side's directory and key name.
 #include <iostream>
 
-#include "client/dorve_client.h"
-#include "keys/key_material.h"
-#include "keys/ssh_files.h"
-#include "protocol/endpoints.h"
+#include "dorve/client/dorve_client.h"
+#include "dorve/keys/key_material.h"
+#include "dorve/keys/ssh_files.h"
+#include "dorve/protocol/endpoints.h"
 
 namespace dorve {
 

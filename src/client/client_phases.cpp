@@ -2,8 +2,8 @@
 // The client's five phases: one request and one response each.
 #include <iostream>
 
-#include "client/dorve_client.h"
-#include "protocol/request_id_generator.h"
+#include "dorve/client/dorve_client.h"
+#include "dorve/protocol/request_id_generator.h"
 
 namespace dorve {
 namespace {

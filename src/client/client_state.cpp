@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "client/client_state.h"
+#include "dorve/client/client_state.h"
 
 #include <cstddef>
 #include <iterator>

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <iostream>
 
-#include "client/dorve_client.h"
-#include "util/sleep.h"
+#include "dorve/client/dorve_client.h"
+#include "dorve/util/sleep.h"
 
 namespace dorve {
 namespace {

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
-#include "client/dorve_client.h"
+#include "dorve/client/dorve_client.h"
 
 #include <sys/stat.h>
 
 #include <iostream>
 
-#include "keys/key_material.h"
-#include "keys/ssh_files.h"
-#include "protocol/request_id_generator.h"
-#include "util/sleep.h"
+#include "dorve/keys/key_material.h"
+#include "dorve/keys/ssh_files.h"
+#include "dorve/protocol/request_id_generator.h"
+#include "dorve/util/sleep.h"
 
 namespace dorve {
 namespace {

@@ -7,10 +7,10 @@
 #include <cstdint>
 #include <string>
 
-#include "client/client_state.h"
-#include "net/nq_socket.h"
-#include "protocol/messages.h"
-#include "protocol/version_manager.h"
+#include "dorve/client/client_state.h"
+#include "dorve/net/nq_socket.h"
+#include "dorve/protocol/messages.h"
+#include "dorve/protocol/version_manager.h"
 
 namespace dorve {
 

@@ -2,9 +2,9 @@
 // dorve-client: finds the SSH directory, runs one client, maps the result to a status.
 #include <iostream>
 
-#include "client/dorve_client.h"
-#include "client/ssh_directory.h"
-#include "protocol/endpoints.h"
+#include "dorve/client/dorve_client.h"
+#include "dorve/client/ssh_directory.h"
+#include "dorve/protocol/endpoints.h"
 
 // Whatever `start` reports as false is a "Client failed". A socket exception out of it is not caught: a
 // connection that can't be set up ends the process abnormally.

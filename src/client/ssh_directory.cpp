@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "client/ssh_directory.h"
+#include "dorve/client/ssh_directory.h"
 
 #include <sys/stat.h>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "keys/file_text.h"
+#include "dorve/keys/file_text.h"
 
 #include <filesystem>
 #include <fstream>

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
-#include "keys/key_material.h"
+#include "dorve/keys/key_material.h"
 
 #include <openssl/sha.h>
 
 #include <cstdio>
 #include <cstdlib>
 
-#include "keys/file_text.h"
-#include "util/hex.h"
+#include "dorve/keys/file_text.h"
+#include "dorve/util/hex.h"
 
 namespace dorve {
 namespace {

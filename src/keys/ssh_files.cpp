@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "keys/ssh_files.h"
+#include "dorve/keys/ssh_files.h"
 
 #include <sys/stat.h>
 
@@ -8,7 +8,7 @@
 #include <fstream>
 #include <string_view>
 
-#include "keys/file_text.h"
+#include "dorve/keys/file_text.h"
 
 namespace dorve {
 namespace {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "net/nq_socket.h"
+#include "dorve/net/nq_socket.h"
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
@@ -10,7 +10,7 @@
 #include <cstring>
 #include <utility>
 
-#include "util/sleep.h"
+#include "dorve/util/sleep.h"
 
 namespace dorve {
 

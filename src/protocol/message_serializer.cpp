@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "protocol/message_serializer.h"
+#include "dorve/protocol/message_serializer.h"
 
 #include <bit>
 #include <chrono>

@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <string_view>
 
-#include "protocol/message_serializer.h"
-#include "protocol/text_field.h"
+#include "dorve/protocol/message_serializer.h"
+#include "dorve/protocol/text_field.h"
 
 /// The ten messages, byte for byte as they stand on the wire but for the header's byte order. All fields are
 /// packed, integers in the body are little-endian, every text field is NUL-terminated and NUL-padded by its

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "protocol/request_id_generator.h"
+#include "dorve/protocol/request_id_generator.h"
 
 #include <chrono>
 #include <iomanip>

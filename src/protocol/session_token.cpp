@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "protocol/session_token.h"
+#include "dorve/protocol/session_token.h"
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -11,8 +11,8 @@
 #include <functional>
 #include <random>
 
-#include "protocol/message_serializer.h"
-#include "util/hex.h"
+#include "dorve/protocol/message_serializer.h"
+#include "dorve/util/hex.h"
 
 namespace dorve {
 namespace {

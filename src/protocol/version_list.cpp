@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "protocol/version_list.h"
+#include "dorve/protocol/version_list.h"
 
 namespace dorve {
 

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-#include "protocol/version_manager.h"
+#include "dorve/protocol/version_manager.h"
 
 #include <iostream>
 
-#include "protocol/endpoints.h"
-#include "protocol/version_list.h"
+#include "dorve/protocol/endpoints.h"
+#include "dorve/protocol/version_list.h"
 
 namespace dorve {
 namespace {

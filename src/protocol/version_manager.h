@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "protocol/messages.h"
+#include "dorve/protocol/messages.h"
 
 namespace dorve {
 

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-#include "protocol/version_table.h"
+#include "dorve/protocol/version_table.h"
 
 #include <cstdlib>
 
-#include "protocol/endpoints.h"
-#include "protocol/version_list.h"
+#include "dorve/protocol/endpoints.h"
+#include "dorve/protocol/version_list.h"
 
 namespace dorve {
 namespace {

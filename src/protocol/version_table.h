@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "protocol/messages.h"
+#include "dorve/protocol/messages.h"
 
 namespace dorve {
 

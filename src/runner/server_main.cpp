@@ -3,9 +3,9 @@
 // client/, which finds the directory for both programs, and server/, so that neither needs the other.
 #include <iostream>
 
-#include "client/ssh_directory.h"
-#include "protocol/endpoints.h"
-#include "server/dorve_server.h"
+#include "dorve/client/ssh_directory.h"
+#include "dorve/protocol/endpoints.h"
+#include "dorve/server/dorve_server.h"
 
 int main() {
   const std::string sshDir = dorve::findUserSshDirectory();

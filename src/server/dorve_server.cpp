@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
-#include "server/dorve_server.h"
+#include "dorve/server/dorve_server.h"
 
 #include <cstring>
 #include <iostream>
 #include <new>
 
-#include "keys/key_material.h"
-#include "keys/ssh_files.h"
-#include "protocol/endpoints.h"
-#include "protocol/session_token.h"
+#include "dorve/keys/key_material.h"
+#include "dorve/keys/ssh_files.h"
+#include "dorve/protocol/endpoints.h"
+#include "dorve/protocol/session_token.h"
 
 namespace dorve {
 namespace {

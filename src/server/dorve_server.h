@@ -5,10 +5,10 @@
 #include <cstdint>
 #include <string>
 
-#include "net/nq_socket.h"
-#include "protocol/messages.h"
-#include "protocol/version_table.h"
-#include "server/response_cache.h"
+#include "dorve/net/nq_socket.h"
+#include "dorve/protocol/messages.h"
+#include "dorve/protocol/version_table.h"
+#include "dorve/server/response_cache.h"
 
 namespace dorve {
 

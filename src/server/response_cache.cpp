@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "server/response_cache.h"
+#include "dorve/server/response_cache.h"
 
 #include <algorithm>
 #include <cstring>

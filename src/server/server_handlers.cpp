@@ -2,9 +2,9 @@
 // The server's five handlers: each answers one kind of request with one whole response.
 #include <cstdio>
 
-#include "protocol/endpoints.h"
-#include "protocol/session_token.h"
-#include "server/dorve_server.h"
+#include "dorve/protocol/endpoints.h"
+#include "dorve/protocol/session_token.h"
+#include "dorve/server/dorve_server.h"
 
 namespace dorve {
 namespace {

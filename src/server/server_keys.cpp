@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 // The server's key and file operations: the shared ones of keys/, on this side's directory and key name.
 // Unlike the client's they print nothing.
-#include "keys/key_material.h"
-#include "keys/ssh_files.h"
-#include "protocol/session_token.h"
-#include "server/dorve_server.h"
+#include "dorve/keys/key_material.h"
+#include "dorve/keys/ssh_files.h"
+#include "dorve/protocol/session_token.h"
+#include "dorve/server/dorve_server.h"
 
 namespace dorve {
 

@@ -11,8 +11,8 @@
 #include <fstream>
 #include <iostream>
 
-#include "server/dorve_server.h"
-#include "util/sleep.h"
+#include "dorve/server/dorve_server.h"
+#include "dorve/util/sleep.h"
 
 namespace dorve {
 namespace {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "util/hex.h"
+#include "dorve/util/hex.h"
 
 namespace dorve {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "util/mounts.h"
+#include "dorve/util/mounts.h"
 
 #include <sys/mount.h>
 

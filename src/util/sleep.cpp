@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "util/sleep.h"
+#include "dorve/util/sleep.h"
 
 #include <cerrno>
 #include <ctime>

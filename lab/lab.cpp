@@ -37,7 +37,7 @@ pid_t launch(const std::vector<std::string>& command, int in, int out, int err) 
 }
 
 std::string contents(int fd) {
-  struct stat status {};
+  struct stat status = {};
   fstat(fd, &status);
   std::string text(static_cast<std::size_t>(status.st_size), '\0');
   text.resize(static_cast<std::size_t>(pread(fd, text.data(), text.size(), 0)));

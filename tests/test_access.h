@@ -44,9 +44,10 @@ struct TestAccess {
 
   /// One phase of a client, 0 to 4, on a connection that the test made.
   static bool phase(DorveClient& client, NqSocket&& connection, std::size_t number) {
-    constexpr bool (DorveClient::*kPhases[])() = {
-        &DorveClient::phaseVersionNegotiation, &DorveClient::phaseExchangeKeys, &DorveClient::phaseVerifyKeys,
-        &DorveClient::phaseInstallKeys, &DorveClient::phaseConfirm};
+    using Phase = bool (DorveClient::*)();
+    constexpr Phase kPhases[] = {&DorveClient::phaseVersionNegotiation, &DorveClient::phaseExchangeKeys,
+                                 &DorveClient::phaseVerifyKeys, &DorveClient::phaseInstallKeys,
+                                 &DorveClient::phaseConfirm};
     client.socket = std::move(connection);
     return (client.*kPhases[number])();
   }

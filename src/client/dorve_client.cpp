@@ -48,7 +48,7 @@ bool DorveClient::waitForInterface(const char* name) {
   const std::string path = std::string("/sys/class/net/") + name;
   std::cout << "Waiting for interface '" << name << "' to be ready..." << std::endl;
   for (int poll = 1;; ++poll) {
-    struct stat status {};
+    struct stat status = {};
     if (stat(path.c_str(), &status) == 0) break;
     if (poll == kInterfacePolls) {
       std::cerr << "ERROR: Interface '" << name << "' not available after " << kInterfaceSeconds << " seconds"

@@ -32,7 +32,7 @@ std::string SessionToken::generate(const void* key, std::size_t keyLength) {
 std::string SessionToken::generateFromSeed(std::uint64_t seed, const void* key, std::size_t keyLength) {
   std::mt19937_64 twister(seed);
   std::array<std::uint64_t, 4> block;
-  std::generate(block.begin(), block.end(), std::ref(twister));  // little-endian, as the host is
+  std::ranges::generate(block, std::ref(twister));  // little-endian, as the host is
 
   unsigned char mac[kMacSize] = {};
   hmacSha256(key, keyLength, block.data(), sizeof block, mac);
@@ -57,7 +57,7 @@ std::string SessionToken::bytesToHex(const unsigned char* bytes, std::size_t cou
 
 bool SessionToken::validateFormat(std::string_view text) {
   return text.size() == kTokenLength &&
-         std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isxdigit(c) != 0; });
+         std::ranges::all_of(text, [](unsigned char c) { return std::isxdigit(c) != 0; });
 }
 
 std::uint64_t SessionToken::getCurrentTimeUs() {

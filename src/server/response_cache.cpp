@@ -16,10 +16,9 @@ bool inUse(const CacheEntry& entry) {
 }  // namespace
 
 CacheEntry* ResponseCache::find(std::string_view requestId) {
-  const auto slot =
-      std::find_if(std::begin(entries), std::end(entries), [requestId](const CacheEntry& entry) {
-        return inUse(entry) && readText(entry.requestId) == requestId;
-      });
+  const auto slot = std::ranges::find_if(entries, [requestId](const CacheEntry& entry) {
+    return inUse(entry) && readText(entry.requestId) == requestId;
+  });
   return slot == std::end(entries) ? nullptr : &*slot;
 }
 

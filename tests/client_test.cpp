@@ -80,7 +80,7 @@ class ClientTest : public LabTest {
 
   /// A run of the client against a good server up to `phase`, where `script` takes over with the request.
   Outcome runAgainst(int phase, const std::function<void(NqSocket&, std::string&)>& script) {
-    Process client(lab.client.command("exec " DORVE_BUILD "/dorve-client"));
+    Process client(lab.client.command("exec '" DORVE_BUILD "/dorve-client'"));
     NqSocket connection = listener.accept();
     for (int good = 0; good < phase; ++good) {
       connection.sendAll(goodAnswer(good, receiveMessage(connection)));
@@ -233,7 +233,7 @@ TEST_F(ClientTest, WaitsForItsInterface) {
   };
   lab.client.run(away);
   const auto begin = std::chrono::steady_clock::now();
-  const Outcome absent = lab.client.run("exec " DORVE_BUILD "/dorve-client");
+  const Outcome absent = lab.client.run("exec '" DORVE_BUILD "/dorve-client'");
   const auto took = std::chrono::steady_clock::now() - begin;
   EXPECT_EQ(absent.out, runUntil(waiting));
   EXPECT_EQ(absent.err, "ERROR: Interface 'bsab' not available after 10 seconds\nClient failed\n");
@@ -243,13 +243,13 @@ TEST_F(ClientTest, WaitsForItsInterface) {
 
   // A name in /sys that is no interface: setting the connection up fails, which ends the process abnormally.
   const Outcome unbound =
-      lab.client.run("mount -t tmpfs none /sys; mkdir -p /sys/class/net/bsab; " DORVE_BUILD
-                     "/dorve-client; status=$?; umount /sys; exit $status");
+      lab.client.run("mount -t tmpfs none /sys; mkdir -p /sys/class/net/bsab; '" DORVE_BUILD
+                     "/dorve-client'; status=$?; umount /sys; exit $status");
   EXPECT_EQ(unbound.out, runUntil("Interface 'bsab' is ready"));
   EXPECT_NE(unbound.err.find("Failed to bind to interface bsab: No such device"), std::string::npos);
   EXPECT_EQ(unbound.status, 128 + SIGABRT);
 
-  Process late(lab.client.command("exec " DORVE_BUILD "/dorve-client"));
+  Process late(lab.client.command("exec '" DORVE_BUILD "/dorve-client'"));
   ASSERT_TRUE(hasPrinted(late, waiting));
   lab.client.run(back);
   NqSocket connection = listener.accept();
@@ -271,11 +271,11 @@ TEST_F(ClientTest, FindsTheSshDirectory) {
     SCOPED_TRACE(prepare);
     const std::string key = lab.client.path(std::string(directory) + "/base_slice_exchange");
     std::filesystem::remove(key);
-    Process client(lab.client.command(std::string(prepare) + "; exec " DORVE_BUILD "/dorve-client"));
+    Process client(lab.client.command(std::string(prepare) + "; exec '" DORVE_BUILD "/dorve-client'"));
     NqSocket connection = listener.accept();
     EXPECT_TRUE(std::filesystem::exists(key));
   }
-  for (const char* program : {DORVE_BUILD "/dorve-client", DORVE_BUILD "/dorve-server"}) {
+  for (const char* program : {"'" DORVE_BUILD "/dorve-client'", "'" DORVE_BUILD "/dorve-server'"}) {
     const Outcome none = lab.client.run(std::string("rm -rf /home/root; export HOME=/nowhere; ") + program);
     EXPECT_EQ(none.out, "");
     EXPECT_EQ(none.err, "Error\n");

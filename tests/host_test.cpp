@@ -8,7 +8,7 @@
 namespace dorve {
 namespace {
 
-constexpr const char* kOperation = DORVE_BUILD "/tests/host-operation ";
+constexpr const char* kOperation = "'" DORVE_BUILD "/tests/host-operation' ";
 
 class HostTest : public testing::Test {
  protected:

@@ -29,8 +29,8 @@ TEST(Pairing, LetsBothHostsLogInToEachOther) {
   }
 
   for (int run = 0; run < 2; ++run) {
-    Process server(lab.server.command("exec " DORVE_BUILD "/dorve-server"));
-    const Outcome client = lab.client.run("exec " DORVE_BUILD "/dorve-client");
+    Process server(lab.server.command("exec '" DORVE_BUILD "/dorve-server'"));
+    const Outcome client = lab.client.run("exec '" DORVE_BUILD "/dorve-client'");
     EXPECT_TRUE(
         client.out.ends_with("DORVE Protocol completed successfully\nClient completed successfully\n"));
     EXPECT_EQ(client.err, "");

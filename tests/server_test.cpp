@@ -18,7 +18,7 @@ class ServerTest : public LabTest {
   void SetUp() override {
     LabTest::SetUp();
     if (IsSkipped()) return;
-    server = std::make_unique<Process>(lab.server.command("exec " DORVE_BUILD "/dorve-server"));
+    server = std::make_unique<Process>(lab.server.command("exec '" DORVE_BUILD "/dorve-server'"));
     client = lab.client.socket(
         [](NqSocket& socket) { socket.connect(makeAddress("172.20.10.1", 8888), 100, 50); });
   }

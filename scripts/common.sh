@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # What the scripts share; to be sourced. It installs Debian packages where asked to and writes to build/.
-# Nothing else of the machine changes: services that a package brings are not started by its installation.
+# Nothing else of the machine changes: an installation starts no service, and does not leave sshd enabled.
 
 export LC_ALL=C.UTF-8 PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
 checkout=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
@@ -81,8 +81,9 @@ release_services() {
   fi
 }
 
+# install_missing PACKAGE...: only this installs packages. An sshd that was there before is left alone.
 install_missing() {
-  local package missing=() leash leash_holder
+  local package missing=() had_sshd='' leash leash_holder
   for package in "$@"; do
     # One line for each architecture that it is known for.
     if ! dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed; then
@@ -93,11 +94,17 @@ install_missing() {
     return
   fi
   echo "Installing ${missing[*]}"
+  [[ ! -e /usr/sbin/sshd ]] || had_sshd=yes
   export DEBIAN_FRONTEND=noninteractive
   quietly 'apt-get update' apt-get update
   hold_services
   quietly 'apt-get install' apt-get install --yes --no-install-recommends "${missing[@]}" </dev/null
   release_services
+  if [[ ! $had_sshd && -e /usr/sbin/sshd ]]; then
+    quietly 'disabling the ssh service' update-rc.d ssh disable
+    echo 'Installed openssh-server for its sshd; its service is disabled' \
+      '(sudo systemctl enable --now ssh starts it)'
+  fi
 }
 
 # build PRESET [TARGET...]: all targets unless some are named.

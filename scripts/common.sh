@@ -28,6 +28,13 @@ fault_packages=(strace time)
 # shellcheck disable=SC2034
 bench_packages=(libbenchmark-dev zlib1g-dev sshpass gnuplot-nox)
 
+# Put before a command, this runs it as the user who called sudo, if the checkout is theirs.
+as_caller=()
+if ((EUID == 0)) && [[ ${SUDO_UID:-0} != 0 && $(stat -c %u "$checkout") == "$SUDO_UID" ]]; then
+  as_caller=(setpriv --reuid "$SUDO_UID" --regid "$SUDO_GID" --init-groups
+    env "HOME=$(getent passwd "$SUDO_UID" | cut -d : -f 6)")
+fi
+
 bold='' plain=''
 if [[ -t 1 ]]; then
   bold=$'\e[1m' plain=$'\e[0m'
@@ -47,6 +54,22 @@ require_root() {
   if ((EUID != 0)); then
     printf '%s needs root, type: sudo%s\n' "${0##*/}" "$(printf ' %q' "$0" "$@")" >&2
     exit 1
+  fi
+}
+
+# Gives the caller what root has written to build/.
+return_build() {
+  if [[ ${as_caller[*]} && -d $checkout/build ]]; then
+    chown -R "$SUDO_UID:$SUDO_GID" "$checkout/build"
+  fi
+}
+
+# leave_root ARGUMENT...: starts the script again as the caller, with the caller's own arguments. For scripts
+# that need root only to install packages.
+leave_root() {
+  if [[ ${as_caller[*]} ]]; then
+    return_build
+    exec "${as_caller[@]}" "$0" "$@"
   fi
 }
 
@@ -93,6 +116,7 @@ install_missing() {
   if ((${#missing[@]} == 0)); then
     return
   fi
+  ((EUID == 0)) || fail "packages are missing, type: sudo apt-get install ${missing[*]}"
   echo "Installing ${missing[*]}"
   [[ ! -e /usr/sbin/sshd ]] || had_sshd=yes
   export DEBIAN_FRONTEND=noninteractive
@@ -113,6 +137,7 @@ build() {
   shift
   echo "Building $preset"
   cd "$checkout" || return
-  quietly "configuring $preset" cmake --preset "$preset"
-  quietly "building $preset" cmake --build --preset "$preset" ${1+--target "$@"}
+  return_build
+  quietly "configuring $preset" "${as_caller[@]}" cmake --preset "$preset"
+  quietly "building $preset" "${as_caller[@]}" cmake --build --preset "$preset" ${1+--target "$@"}
 }

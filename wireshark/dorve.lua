@@ -1,5 +1,6 @@
--- A Wireshark dissector for DORVE, for Wireshark 4.0 (Lua 5.2): wireshark -X lua_script:wireshark/dorve.lua FILE
+-- A Wireshark dissector for DORVE: wireshark -X lua_script:wireshark/dorve.lua FILE
 -- docs/protocol.md explains what it shows. Field names are those of src/protocol/messages.h.
+-- It runs in Wireshark 4.0 (Lua 5.2) and 4.4 (Lua 5.4). Both have the library `bit`, whose results are signed.
 --
 -- SPDX-License-Identifier: GPL-2.0-or-later
 -- Wireshark asks for the GPL in scripts that use its bindings, so this one file is free software under the
@@ -102,8 +103,8 @@ for byte = 0, 255 do
   local remainder = byte
   for _ = 1, 8 do
     local odd = remainder % 2 == 1
-    remainder = bit32.rshift(remainder, 1)
-    if odd then remainder = bit32.bxor(remainder, 0xedb88320) end
+    remainder = bit.rshift(remainder, 1)
+    if odd then remainder = bit.bxor(remainder, 0xedb88320) end
   end
   CRC[byte] = remainder
 end
@@ -120,9 +121,9 @@ local function checksum_of(message)
   table.insert(pieces, message:sub(offset))
   local input, crc = table.concat(pieces), 0xffffffff
   for i = 1, #input do
-    crc = bit32.bxor(CRC[bit32.band(bit32.bxor(crc, input:byte(i)), 0xff)], bit32.rshift(crc, 8))
+    crc = bit.bxor(CRC[bit.band(bit.bxor(crc, input:byte(i)), 0xff)], bit.rshift(crc, 8))
   end
-  return bit32.bxor(crc, 0xffffffff)
+  return bit.bxor(crc, 0xffffffff) % 2 ^ 32
 end
 
 local function time_of(microseconds)

@@ -21,6 +21,7 @@ foreach(program dorve-client dorve-server)
 endforeach()
 install(FILES systemd/dorve-.service.d/sandbox.conf DESTINATION ${unit_dir}/dorve-.service.d)
 install(FILES systemd/80-dorve.preset DESTINATION lib/systemd/system-preset)
+install(DIRECTORY docs/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # The library, for find_package(dorve CONFIG) and for pkg-config. Headers are included as <dorve/LAYER/header.h>.
 install(TARGETS dorve EXPORT dorve

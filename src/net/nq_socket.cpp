@@ -140,7 +140,7 @@ int NqSocket::shutdown(int how) noexcept {
 }
 
 void NqSocket::reapplyOptions() {
-  if (timeoutSet) setTimeout(timeoutMs);
+  if (timeoutSet) setTimeout(static_cast<unsigned long>(timeoutMs));
   if (reuseAddrSet) setReuseAddr(reuseAddr);
   if (interfaceSet) bindToInterface(interfaceName);
 }

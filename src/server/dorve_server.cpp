@@ -88,7 +88,7 @@ void DorveServer::processRequest(NqSocket& client) try {
     }
     const std::string_view requestId = requestIdOf(request);
     if (const CacheEntry* known = responseCache.lookup(requestId)) {
-      client.sendAll(known->response, known->responseSize);
+      client.sendAll(known->response, static_cast<std::size_t>(known->responseSize));
       continue;
     }
     const std::size_t size = dispatch(request, response);

@@ -3,9 +3,7 @@
 
 #include <sys/stat.h>
 
-#include <cstring>
-#include <filesystem>
-#include <fstream>
+#include <algorithm>
 #include <string_view>
 
 #include "dorve/keys/file_text.h"
@@ -20,46 +18,44 @@ std::string_view textOrNothing(const char* text) {
   return text == nullptr ? "" : text;
 }
 
-/// Removes from `text` every empty line and every line that holds `obsolete`; the last line is ended if it
-/// was not.
-void keepForeignLines(std::string& text, std::string_view obsolete) {
-  if (!text.empty() && text.back() != '\n') text += '\n';
-  std::size_t kept = 0;
+/// What follows the lines of `text` that stay in place: without every empty line and every line that holds
+/// `obsolete`, the last line ended if it was not.
+TextTail keepForeignLines(std::string_view text, std::string_view obsolete) {
+  TextTail tail{std::string_view::npos, ""};
   // One search that runs ahead of the lines, not one in each: the rare match decides about its line alone.
   std::size_t match = text.find(obsolete);
+  std::size_t kept = 0;  // where the lines begin that stay and are not in the tail yet
   for (std::size_t line = 0, next = 0; line < text.size(); line = next) {
-    next = text.find('\n', line) + 1;
-    if (match < next) {
-      match = text.find(obsolete, next);
-    } else if (const std::size_t size = next - line; size > 1) {
-      if (kept != line) std::memmove(&text[kept], &text[line], size);
-      kept += size;
+    next = std::min(text.find('\n', line), text.size() - 1) + 1;
+    const bool isObsolete = match < next;
+    if (isObsolete) match = text.find(obsolete, next);
+    if (!isObsolete && text[line] != '\n') continue;
+    if (tail.from == std::string_view::npos) {
+      tail.from = line;
+      tail.text.reserve(text.size() - line);
+    } else {
+      tail.text += text.substr(kept, line - kept);
     }
+    kept = next;
   }
-  text.resize(kept);
-}
-
-/// Appends `text` whole or not at all: half a block that a full disk left would be taken for a whole one ever
-/// after. Goes back to the size that the file had, not to what could be read of it.
-void append(const std::string& path, std::string_view text) {
-  std::ofstream file(path, std::ios::binary | std::ios::app);
-  if (!file) return;
-  std::error_code failure;
-  const auto size = std::filesystem::file_size(path, failure);
-  file << text;
-  file.close();
-  if (!file && !failure) std::filesystem::resize_file(path, size, failure);
+  if (tail.from == std::string_view::npos) {
+    tail.from = text.size();
+  } else {
+    tail.text += text.substr(kept);
+  }
+  const std::string_view last = tail.text.empty() ? text.substr(0, tail.from) : tail.text;
+  if (!last.empty() && last.back() != '\n') tail.text += '\n';
+  return tail;
 }
 
 /// The edit that authorized_keys and known_hosts share: lines that hold `obsolete` go, `entry` ends the file.
 void replaceEntry(const std::string& path, std::string_view obsolete, std::string_view entry) {
-  if (auto text = readFileText(path)) {
-    keepForeignLines(*text, obsolete);
-    if (!text->empty()) *text += '\n';
-    *text += entry;
-    // In place, so links and owners stay; in one write, so the file is cut for as short a time as can be.
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << *text;
-  }
+  replaceFileTail(path, [&](std::string_view text) {
+    TextTail tail = keepForeignLines(text, obsolete);
+    if (tail.from > 0 || !tail.text.empty()) tail.text += '\n';
+    tail.text += entry;
+    return tail;
+  });
   chmod(path.c_str(), kFileMode);
 }
 
@@ -87,9 +83,11 @@ void addSshConfig(const std::string& sshDir, const std::string& keyName, const c
   const auto text = readFileText(path);
   if (text && text->find(hostLine) == std::string::npos) {
     // The block's own first, empty line also ends a last line that had no end.
-    append(path,
-           "\n" + hostLine + "\n    IdentityFile " + sshDir + "/" + keyName +
-               "\n    IdentitiesOnly yes\n    StrictHostKeyChecking no\n    UserKnownHostsFile /dev/null\n");
+    // Half a block would be taken for a whole one by every later edit, so it is all or nothing.
+    appendFileText(
+        path,
+        "\n" + hostLine + "\n    IdentityFile " + sshDir + "/" + keyName +
+            "\n    IdentitiesOnly yes\n    StrictHostKeyChecking no\n    UserKnownHostsFile /dev/null\n");
   }
   chmod(path.c_str(), kFileMode);
 }

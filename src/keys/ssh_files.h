@@ -4,10 +4,12 @@
 
 #include <string>
 
-/// Edits of the files of a user's SSH directory (sshd(8), ssh_config(5)). Each leaves its file with mode
-/// 0600, may be repeated any number of times, and reports no failure: a file that can't be opened counts as
-/// empty, a failed write is ignored. A file that opens but can't be read to its end
-/// keeps its text. Hosts and key names are of one line.
+/// Edits of the files of a user's SSH directory (sshd(8), ssh_config(5)).
+///
+/// Each leaves its file with mode 0600, may be repeated any number of times, and reports no failure. A file
+/// that is missing or that this user may not read counts as empty. A file that can't be opened or read for
+/// another reason keeps its text, and so does one whose new text can't be written in full. Hosts and key
+/// names are of one line.
 namespace dorve {
 
 /// Makes the directory, or leaves the one that is there, with mode 0700 where the process may.

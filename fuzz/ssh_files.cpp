@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The edits of authorized_keys, known_hosts and config on whatever a user's files may hold.
+// The edits of authorized_keys, known_hosts and config on whatever a user's files may hold, on a disk that
+// may be full.
 #include "dorve/keys/ssh_files.h"
 
 #include <filesystem>
@@ -16,9 +17,25 @@ static const std::string kBlock =
     "\n    IdentitiesOnly yes\n    StrictHostKeyChecking no\n    UserKnownHostsFile /dev/null\n";
 
 const std::vector<std::string> dorve::kSeeds = {
-    "key\\\nssh-rsa B me@laptop\n# 172.20.10.10\n\n\r\n172.20.10.1 ssh-ed25519 C base_slice_exchange\nend\1c",
-    "\\\n172.20.10.1 C\n172.20.10.10 D base_slice_exchange\nssh-rsa B\n\xF0y", "\\\n172.20.10.1 C\nno end\1a",
-    "\\\n# Host 172.20.10.1\nHost x\1b", "\\\n\n\nHost 172.20.10.3\n  User y\n\xF0z"};
+    "key\\\nssh-rsa B me@laptop\n# 172.20.10.10\n\n\r\n172.20.10.1 ssh-ed25519 C "
+    "base_slice_exchange\nend\xFF\1c",
+    "\\\n172.20.10.1 C\n172.20.10.10 D base_slice_exchange\nssh-rsa B\n\xFF\xF0y",
+    "\\\n172.20.10.1 C\nno end\1\1a", "\\\n# Host 172.20.10.1\nHost x\xFF\1b",
+    "\\\n\n\nHost 172.20.10.3\n  User y\n\4\xF0z"};
+
+/// How many bytes the next write can store before the disk is full; reset by the first that does not fit.
+static constexpr std::size_t kEnough = SIZE_MAX;
+static std::size_t freeBytes = kEnough;
+
+ssize_t realWrite(int descriptor, const void* data, std::size_t size, off_t offset) asm("__real_pwrite64");
+ssize_t limitedWrite(int descriptor, const void* data, std::size_t size, off_t offset) asm("__wrap_pwrite64");
+
+ssize_t limitedWrite(int descriptor, const void* data, std::size_t size, off_t offset) {
+  const std::size_t stored = std::min(size, freeBytes);
+  if (stored < size) freeBytes = kEnough;
+  if (stored == 0 && size > 0) return errno = ENOSPC, -1;
+  return realWrite(descriptor, data, stored, offset);
+}
 
 /// All foreign lines, byte for byte and in order, a blank one, the entry.
 static std::string withEntry(const std::string& text, const std::string& mark, const std::string& entry) {
@@ -32,6 +49,7 @@ static std::string withEntry(const std::string& text, const std::string& mark, c
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   FuzzedDataProvider input(data, size);
   const int choice = input.ConsumeIntegral<std::uint8_t>(), times = input.ConsumeIntegral<std::uint8_t>();
+  const std::size_t limit = input.ConsumeIntegral<std::uint8_t>();
   const std::string words = input.ConsumeRandomLengthString(), text = input.ConsumeRemainingBytesAsString();
   const std::string key = "ssh-ed25519 " + words.substr(0, words.find_first_of(std::string("\n\0", 2))) +
                           kName + (times % 2 == 0 ? "" : "\n");
@@ -48,6 +66,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   makeSshDirectory(kSshDir);
   std::remove(path.c_str());
   if (!before.empty()) std::ofstream(path, std::ios::binary) << before;
+  freeBytes = limit == 255 ? kEnough : 16 * limit;
+  const bool limited = freeBytes != kEnough;
+  edit();
+  const bool full = limited && freeBytes == kEnough;
+  check(readFileText(path) == (full ? before : promised), "the whole old text or the whole new one");
+  freeBytes = kEnough;
   for (int run = 0; run < 2; ++run) {
     edit();
     check(readFileText(path) == promised, "all foreign lines stay, and there is one entry or block");

@@ -6,6 +6,8 @@
 #include <dorve/protocol/endpoints.h>
 #include <dorve/server/dorve_server.h>
 
+#include <string>
+
 int main() {
   const std::string sshDir = dorve::findUserSshDirectory();
   if (sshDir.empty()) return 1;

@@ -67,7 +67,7 @@ TEST_F(LabTest, HasTheWireThatIsDocumentedAndDissected) {
   if (lab.client.run("command -v tshark").status != 0) GTEST_SKIP() << "tshark is not installed";
   for (const auto& host : {lab.server, lab.client}) host.run("ip link set bsab gso_max_segs 1");
   Process server(lab.server.command("exec '" DORVE_BUILD "/dorve-server'"));
-  on("dumpcap -qpi bsab -w capture & until [ -e capture ]; do sleep 0.1; done;"
+  on("dumpcap -qpi bsab -w capture & while [ ! -e capture ] && kill -0 $!; do sleep 0.1; done;"
      "'" DORVE_BUILD "/dorve-client'; sleep 0.5; kill $!; wait");
   const Page live(on("'" DORVE_DOCS "/../scripts/exchange' capture"));
   EXPECT_EQ(live.rows, page.rows);

@@ -13,6 +13,7 @@ namespace {
 
 constexpr mode_t kDirectoryMode = 0700;
 constexpr mode_t kFileMode = 0600;
+constexpr std::size_t kEntryRoom = 8192;  // bytes, for the entry that ends a file
 
 std::string_view textOrNothing(const char* text) {
   return text == nullptr ? "" : text;
@@ -32,7 +33,7 @@ TextTail keepForeignLines(std::string_view text, std::string_view obsolete) {
     if (!isObsolete && text[line] != '\n') continue;
     if (tail.from == std::string_view::npos) {
       tail.from = line;
-      tail.text.reserve(text.size() - line);
+      tail.text.reserve(text.size() - line + kEntryRoom);
     } else {
       tail.text += text.substr(kept, line - kept);
     }

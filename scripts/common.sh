@@ -8,7 +8,7 @@ checkout=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
 
 # The presets configure the tests along with the programs, so every build needs the test library.
 # shellcheck disable=SC2034 # used by the scripts that source this
-build_packages=(g++ cmake ninja-build libssl-dev libgtest-dev)
+build_packages=(g++ cmake ninja-build libssl-dev libgtest-dev python3-pytest)
 # shellcheck disable=SC2034
 clang_packages=(clang)
 # shellcheck disable=SC2034

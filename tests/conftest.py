@@ -1,0 +1,51 @@
+# SPDX-License-Identifier: MIT
+"""What all tests of the programs share: the folder with the programs, and a fresh lab for each test."""
+
+import contextlib
+import pathlib
+import sys
+
+import pytest
+
+CHECKOUT = pathlib.Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(CHECKOUT / "lab"))
+
+import lab as laboratory  # noqa: E402
+
+
+def pytest_addoption(parser):
+    parser.addoption("--build", default=CHECKOUT / "build/release", type=pathlib.Path,
+                     help="the folder that holds the programs")
+
+
+@pytest.fixture
+def build(request):
+    """The folder that holds the programs."""
+    return request.config.getoption("--build").resolve()
+
+
+@pytest.fixture
+def client_run():
+    """What a good run of the client prints, as the documentation has it."""
+    return (CHECKOUT / "docs/client-run.txt").read_text()
+
+
+@pytest.fixture
+def lab():
+    """Two hosts without sshd."""
+    with contextlib.ExitStack() as stack:
+        yield _start(stack)
+
+
+@pytest.fixture
+def sshd_lab():
+    """Two hosts that run sshd."""
+    with contextlib.ExitStack() as stack:
+        yield _start(stack, sshd=True)
+
+
+def _start(stack, **options):
+    try:
+        return stack.enter_context(laboratory.Lab(**options))
+    except laboratory.Unavailable as reason:
+        pytest.skip(f"no lab: {reason}")

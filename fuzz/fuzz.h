@@ -5,10 +5,15 @@
 #include <fuzzer/FuzzedDataProvider.h>
 #include <sanitizer/asan_interface.h>
 
+#include <algorithm>
+#include <cstring>
 #include <fstream>
+#include <functional>
 #include <iostream>
+#include <string>
 
-#include "../tests/messages.h"
+#include "dorve/net/nq_socket.h"
+#include "dorve/protocol/messages.h"
 
 /// What the targets share. Of an input they take texts from the front and numbers from the end.
 namespace dorve {
@@ -22,6 +27,22 @@ extern const std::vector<std::string> kSeeds;
 /// Nobody catches it, so a broken promise ends the program, and libFuzzer keeps the input.
 inline void check(bool kept, const char* promise) {
   if (!kept) throw std::logic_error(promise);
+}
+
+/// A sealed record as the bytes of the wire.
+template <typename Record>
+std::string toWire(Record record) {
+  seal(record);
+  return {reinterpret_cast<const char*>(&record), sizeof record};
+}
+
+/// The record in a wire message, header decoded, missing bytes zero.
+template <typename Record>
+Record fromWire(const std::string& wire) {
+  Record record{};
+  std::memcpy(&record, wire.data(), std::min(wire.size(), sizeof record));
+  MessageSerializer::decodeHeader(&record);
+  return record;
 }
 
 /// recv(2), and what stands in its place, under the names that --wrap=recv gives them.

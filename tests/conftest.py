@@ -25,6 +25,16 @@ def build(request):
 
 
 @pytest.fixture
+def tampered(build):
+    """The command line of a program with system calls that strace changes by one of its `inject` rules."""
+    # LeakSanitizer would fail, because it cannot trace a program that strace traces.
+    def command(program, rule):
+        return ["strace", "-qq", "-o", "/dev/null", "-E", "ASAN_OPTIONS=detect_leaks=0", "-e", f"inject={rule}",
+                build / program]
+    return command
+
+
+@pytest.fixture
 def client_run():
     """What a good run of the client prints, as the documentation has it."""
     return (CHECKOUT / "docs/client-run.txt").read_text()
@@ -33,6 +43,13 @@ def client_run():
 @pytest.fixture
 def lab():
     """Two hosts without sshd."""
+    with contextlib.ExitStack() as stack:
+        yield _start(stack)
+
+
+@pytest.fixture(scope="module")
+def shared_lab():
+    """Two hosts without sshd for all tests of a file that leave the link and the SSH directories in place."""
     with contextlib.ExitStack() as stack:
         yield _start(stack)
 

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <sstream>
 
+#include "dorve/protocol/messages.h"
 #include "lab.h"
-#include "messages.h"
 
 namespace dorve {
 

@@ -9,6 +9,7 @@ import sys
 
 CHECKOUT = pathlib.Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(CHECKOUT / "lab"))
+os.environ.update(LC_ALL="C.UTF-8", PATH="/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin")
 
 
 def require_root():

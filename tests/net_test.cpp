@@ -2,107 +2,226 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <unistd.h>
 
 #include <array>
 #include <chrono>
+#include <climits>
 #include <cstring>
-#include <functional>
 #include <thread>
 
 #include "dorve/util/sleep.h"
 #include "test_access.h"
 
+namespace {
+
+/// What the kernel lets through while one test runs.
+struct Kernel {
+  int options = INT_MAX;            ///< setsockopt calls before one fails with EPERM
+  std::size_t sendSize = SIZE_MAX;  ///< bytes that one send takes at most
+  int interruptions = 0;            ///< of sends, before one goes through
+} kernel;
+
+}  // namespace
+
+// These stand in for the functions of the C library.
+
+int setsockopt(int fd, int level, int name, const void* value, socklen_t size) noexcept {
+  if (kernel.options-- > 0) return static_cast<int>(syscall(SYS_setsockopt, fd, level, name, value, size));
+  errno = EPERM;
+  return -1;
+}
+
+ssize_t send(int fd, const void* data, std::size_t size, int flags) {
+  if (kernel.interruptions-- > 0) {
+    errno = EINTR;
+    return -1;
+  }
+  return syscall(SYS_sendto, fd, data, std::min(size, kernel.sendSize), flags, nullptr, 0);
+}
+
 namespace dorve {
 namespace {
 
-/// Bound to a loopback port of its own, which refuses connections until it listens.
-struct Port {
-  NqSocket socket{true};
+using Clock = std::chrono::steady_clock;
+using Ms = std::chrono::milliseconds;
+
+struct Socket : testing::Test {
+  /// Bound to a loopback port of its own, which refuses connections until it listens.
+  NqSocket bound{true};
   sockaddr_in address = makeAddress("127.0.0.1", 0);
 
-  Port() {
-    socket.bind(address, 0, 0);
+  Socket() {
+    bound.bind(address, 0, 0);
     socklen_t size = sizeof address;
-    getsockname(TestAccess::descriptor(socket), reinterpret_cast<sockaddr*>(&address), &size);
+    getsockname(TestAccess::descriptor(bound), reinterpret_cast<sockaddr*>(&address), &size);
   }
+  ~Socket() override { kernel = {}; }
 };
 
-/// Expects `call` to throw exactly this; returns the milliseconds that it took.
-long expectFailure(const std::string& text, int error, const std::function<void()>& call) {
-  const auto start = std::chrono::steady_clock::now();
+/// What a failing call throws.
+template <typename Call>
+std::string failure(Call call) {
   try {
     call();
-    ADD_FAILURE() << "not thrown: " << text;
+    return "nothing was thrown";
   } catch (const NqSocketException& e) {
-    EXPECT_EQ(e.what(), text + ": " + std::strerror(error));
-    EXPECT_EQ(e.errorCode, error) << text;
+    EXPECT_TRUE(std::string(e.what()).ends_with(std::strerror(e.errorCode))) << e.what() << e.errorCode;
+    return e.what();
   }
-  return (std::chrono::steady_clock::now() - start) / std::chrono::milliseconds(1);
 }
 
-TEST(NqSocket, FailuresNameTheCallTheErrorAndTheAttempts) {
-  Port port;
-  NqSocket none, open(true);
-  const auto attempts = [&](int retries, unsigned int ms) {
-    const std::string text = " failed after " + std::to_string(retries + 1) + " attempts";
-    expectFailure("Bind" + text, EADDRINUSE, [&] { open.bind(port.address, retries, 1); });
-    return expectFailure("Connect" + text, ECONNREFUSED, [&] { open.connect(port.address, retries, ms); });
-  };
-  EXPECT_LT(attempts(0, 5000), 4000);
-  EXPECT_GE(attempts(2, 60), 120);
-  expectFailure("Failed to bind to interface nosuchif", ENODEV, [&] { open.bindToInterface("nosuchif"); });
-  expectFailure("Invalid file descriptor provided", EMFILE, [] { errno = EMFILE, NqSocket(-1); });
+template <typename Value>
+Value option(const NqSocket& socket, int name) {
+  Value value{};
+  socklen_t size = sizeof value;
+  EXPECT_EQ(getsockopt(TestAccess::descriptor(socket), SOL_SOCKET, name, &value, &size), 0);
+  return value;
+}
+
+TEST_F(Socket, FailureNamesItsCallAndTheReason) {
+  NqSocket none;
+  EXPECT_EQ(failure([] { NqSocket(-1); }).find("Invalid file descriptor provided: "), 0u);
+  EXPECT_EQ(failure([&] { none.listen(1); }), "Listen failed: Bad file descriptor");
+  EXPECT_EQ(failure([&] { bound.accept(); }), "Accept failed: Invalid argument");
+  EXPECT_EQ(failure([&] { none.sendAll("x"); }), "Send failed: Bad file descriptor");
+  EXPECT_EQ(failure([&] { none.receive(nullptr, 0); }), "Receive failed: Bad file descriptor");
+  EXPECT_EQ(failure([&] { bound.bindToInterface("no"); }), "Failed to bind to interface no: No such device");
   EXPECT_NO_THROW(none.sendAll(nullptr, 0));
 }
 
-TEST(NqSocket, MovesAndRetriesKeepTheOptions) {
-  Port port;
-  NqSocket configured(true), socket(true);
-  configured.setTimeout(1500);
-  configured.setReuseAddr(true);
-  configured.bindToInterface("lo");
-  const int on = 1, moved = TestAccess::descriptor(configured), replaced = TestAccess::descriptor(socket);
-  setsockopt(moved, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);  // remembered by nobody: tells old from new
-  NqSocket& itself = socket = std::move(configured);
-  itself = std::move(socket);
-  EXPECT_EQ(TestAccess::descriptor(configured), -1);
-  EXPECT_TRUE(TestAccess::descriptor(socket) == moved && fcntl(replaced, F_GETFD) == -1);
-
-  std::jthread late([&] { sleepMs(60), port.socket.listen(1); });
-  EXPECT_TRUE(socket.connect(port.address, 100, 20));
-  const auto option = [&](int name) {
-    std::array<char, 16> value{};
-    socklen_t size = sizeof value;
-    EXPECT_EQ(getsockopt(TestAccess::descriptor(socket), SOL_SOCKET, name, value.data(), &size), 0);
-    return value;
-  };
-  EXPECT_TRUE(option(SO_KEEPALIVE)[0] == 0 && option(SO_REUSEADDR)[0] == 1);
-  EXPECT_STREQ(option(SO_BINDTODEVICE).data(), "lo");
-  for (const int name : {SO_RCVTIMEO, SO_SNDTIMEO}) EXPECT_EQ(option(name)[0], 1) << name;
+TEST_F(Socket, RetryWithoutAFreeDescriptorFails) {
+  rlimit usual{};
+  getrlimit(RLIMIT_NOFILE, &usual);
+  const rlimit full{0, usual.rlim_max};
+  NqSocket other(true);
+  setrlimit(RLIMIT_NOFILE, &full);
+  EXPECT_EQ(failure([&] { other.connect(address, 1, 0); }),
+            "Failed to create socket for retry: Too many open files");
+  EXPECT_EQ(failure([&] { bound.bind(address, 1, 0); }),
+            "Failed to create socket for bind retry: Too many open files");
+  setrlimit(RLIMIT_NOFILE, &usual);
 }
 
-TEST(NqSocket, SendsAllAndTellsTheEnd) {
-  signal(SIGPIPE, SIG_DFL);  // so that one would end the test
-  Port port;
-  NqSocket client(true);
-  port.socket.listen(1);
-  client.connect(port.address, 0, 0);
-  NqSocket server = port.socket.accept();
-  // More than both ends buffer.
-  std::string sent;
-  for (int i = 0; i < 2'000'000; ++i) sent += std::to_string(i);
-  std::string received(sent.size(), ' ');
-  std::jthread peer(
-      [&] { recv(TestAccess::descriptor(server), received.data(), received.size(), MSG_WAITALL); });
-  client.sendAll(sent);
-  peer.join();
-  EXPECT_TRUE(sent == received);
+TEST_F(Socket, PausesBetweenAttemptsOnly) {
+  const auto start = Clock::now();
+  EXPECT_EQ(failure([&] { NqSocket(true).connect(address, 0, 5000); }),
+            "Connect failed after 1 attempts: Connection refused");
+  EXPECT_LT(Clock::now() - start, Ms(4000));
+  EXPECT_EQ(failure([&] { NqSocket(true).connect(address, 2, 60); }),
+            "Connect failed after 3 attempts: Connection refused");
+  EXPECT_GE(Clock::now() - start, Ms(120));
+}
 
-  client.shutdown(SHUT_WR);
-  EXPECT_EQ(server.receive(received.data(), 9), 0u);
-  expectFailure("Send failed", EPIPE, [&] { client.sendAll("x"); });
+TEST_F(Socket, NamesTheErrorOfTheLastAttempt) {
+  // A bound socket can't be bound again; the fresh one of the second attempt finds its port taken.
+  NqSocket other(true);
+  EXPECT_TRUE(other.bind(makeAddress("127.0.0.1", 0), 0, 0));
+  EXPECT_EQ(failure([&] { other.bind(address, 1, 0); }),
+            "Bind failed after 2 attempts: Address already in use");
+}
+
+TEST_F(Socket, MovesAndRetriesKeepTheOptionsAndCloseOldDescriptors) {
+  NqSocket configured(true), socket(true);
+  configured.setTimeout(1980);
+  configured.setReuseAddr(true);
+  configured.bindToInterface("lo");
+  const int on = 1, first = TestAccess::descriptor(configured), replaced = TestAccess::descriptor(socket);
+  setsockopt(first, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+  NqSocket moved(std::move(configured));
+  NqSocket& itself = socket = std::move(moved);
+  itself = std::move(socket);
+  EXPECT_EQ(TestAccess::descriptor(socket), first);
+  EXPECT_EQ(TestAccess::descriptor(moved), -1);
+  EXPECT_EQ(fcntl(replaced, F_GETFD), -1) << "the replaced descriptor is still open";
+
+  std::jthread late([&] {
+    sleepMs(60);
+    bound.listen(1);
+  });
+  EXPECT_TRUE(socket.connect(address, 100, 20));
+  EXPECT_EQ(TestAccess::descriptor(socket), first) << "the lowest free one, unless the first is still open";
+  EXPECT_EQ(option<int>(socket, SO_KEEPALIVE), 0) << "set on the first descriptor only";
+  EXPECT_EQ(option<int>(socket, SO_REUSEADDR), 1);
+  EXPECT_STREQ((option<std::array<char, 16>>(socket, SO_BINDTODEVICE).data()), "lo");
+  for (const int name : {SO_RCVTIMEO, SO_SNDTIMEO}) {
+    EXPECT_EQ(option<timeval>(socket, name).tv_sec, 1) << name;
+    EXPECT_EQ(option<timeval>(socket, name).tv_usec, 980'000) << name;
+  }
+}
+
+TEST_F(Socket, OptionThatFailsEndsTheRetries) {
+  const char* const failing[] = {"set receive timeout", "set send timeout", "set SO_REUSEADDR",
+                                 "bind to interface lo"};
+  for (int number = 0; number < 4; ++number) {
+    NqSocket socket(true);
+    socket.setTimeout(1000);
+    socket.setReuseAddr(true);
+    socket.bindToInterface("lo");
+    kernel.options = number;
+    EXPECT_EQ(failure([&] { socket.connect(address, 3, 1); }),
+              std::string("Failed to ") + failing[number] + ": Operation not permitted");
+    EXPECT_EQ(TestAccess::descriptor(socket), -1) << "still open";
+    kernel = {};
+  }
+}
+
+struct Connection : Socket {
+  NqSocket client{true};
+  NqSocket server;
+  char byte = 0;
+
+  Connection() {
+    bound.listen(1);
+    client.connect(address, 0, 0);
+    server = bound.accept();
+  }
+};
+
+TEST_F(Connection, SendsTheRestOfAPartialSend) {
+  client.setTimeout(1000);  // so that a send that never ends fails
+  kernel = {.sendSize = 3, .interruptions = 1};
+  client.sendAll("0123456789");
+  char received[11] = {};
+  recv(TestAccess::descriptor(server), received, 10, MSG_WAITALL);
+  EXPECT_STREQ(received, "0123456789");
+  kernel.sendSize = 0;
+  EXPECT_EQ(failure([&] { client.sendAll("x"); }), "Send returned 0 - connection may be closed: Success");
+}
+
+TEST_F(Connection, TellsTheEndFromATimeoutAndABrokenPipe) {
+  signal(SIGPIPE, SIG_DFL);  // so that one would end the test
   client.setTimeout(60);
-  EXPECT_GE(expectFailure("Receive timeout", EAGAIN, [&] { client.receive(received.data(), 1); }), 50);
+  const auto start = Clock::now();
+  EXPECT_EQ(failure([&] { client.receive(&byte, 1); }), "Receive timeout: Resource temporarily unavailable");
+  EXPECT_GE(Clock::now() - start, Ms(50));
+  client.shutdown(SHUT_WR);
+  EXPECT_EQ(failure([&] { client.sendAll("x"); }), "Send failed: Broken pipe");
+  { const NqSocket closedAtItsEnd(std::move(server)); }
+  EXPECT_EQ(client.receive(&byte, 1), 0u) << "the peer has closed";
+}
+
+TEST_F(Connection, SignalsEndNoWait) {
+  struct sigaction action = {};
+  action.sa_handler = [](int) {};  // and without SA_RESTART
+  sigaction(SIGALRM, &action, nullptr);
+  const itimerval often{{0, 5000}, {0, 5000}}, never{};
+  setitimer(ITIMER_REAL, &often, nullptr);
+  const auto start = Clock::now();
+  std::jthread peer([this] {
+    std::this_thread::sleep_for(Ms(60));
+    client.sendAll("x");
+    std::this_thread::sleep_for(Ms(60));
+    NqSocket(true).connect(address, 0, 0);
+  });
+  EXPECT_EQ(server.receive(&byte, 1), 1u);
+  EXPECT_NO_THROW(bound.accept());
+  sleepMs(60);
+  EXPECT_GE(Clock::now() - start, Ms(180));
+  setitimer(ITIMER_REAL, &never, nullptr);
 }
 
 }  // namespace

@@ -7,13 +7,13 @@
 
 #include "dorve/keys/key_material.h"
 #include "dorve/keys/ssh_files.h"
+#include "dorve/protocol/endpoints.h"
 #include "dorve/protocol/request_id_generator.h"
 #include "dorve/util/sleep.h"
 
 namespace dorve {
 namespace {
 
-constexpr const char* kInterface = "bsab";
 constexpr int kInterfacePolls = 50;
 constexpr unsigned int kInterfacePollMs = 200;
 constexpr int kInterfaceSeconds = 10;  // as the failure line has it
@@ -66,10 +66,10 @@ bool DorveClient::start() {
   transitionTo(ClientState::INIT);
   regenerateKeys();
 
-  if (!waitForInterface(kInterface)) return false;
+  if (!waitForInterface(kLinkInterface)) return false;
   socket = NqSocket(true);
   socket.setTimeout(kFirstTimeoutMs);
-  socket.bindToInterface(kInterface);
+  socket.bindToInterface(kLinkInterface);
   socket.connect(serverAddr, kConnectRetries, kConnectRetryMs);
   std::cout << "Connected to server" << std::endl;
 

@@ -11,6 +11,9 @@ constexpr const char* kServerAddress = "172.20.10.1";
 constexpr const char* kClientAddress = "172.20.10.2";
 constexpr std::uint16_t kPort = 8888;
 
+/// The interface that the client connects over.
+constexpr const char* kLinkInterface = "bsab";
+
 /// The one protocol version that both sides speak.
 constexpr const char* kOwnVersion = "1.0";
 

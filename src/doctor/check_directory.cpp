@@ -1,0 +1,245 @@
+// SPDX-License-Identifier: MIT
+// The SSH directory and its files. sshd(8) ignores authorized_keys if it, or a directory on the way to it, is
+// owned or may be written by others (StrictModes), and the programs do not report what they cannot write.
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <pwd.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+
+#include "dorve/client/ssh_directory.h"
+#include "dorve/doctor/checks.h"
+#include "dorve/doctor/command.h"
+#include "dorve/doctor/text.h"
+#include "dorve/keys/key_material.h"
+
+namespace dorve {
+namespace {
+
+constexpr mode_t kOthersMayWrite = 022;
+constexpr std::uint64_t kBytesNeeded = 64 * 1024;  // a pairing writes less than half of that
+
+std::string octal(mode_t mode) {
+  char text[8];
+  std::snprintf(text, sizeof text, "%04o", mode & 07777U);
+  return text;
+}
+
+std::string userName(uid_t id) {
+  const passwd* entry = getpwuid(id);
+  return entry == nullptr ? std::to_string(id) : entry->pw_name;
+}
+
+/// Why a candidate is not the SSH directory.
+std::string whyNotDirectory(const std::string& path) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) return errno == ENOENT ? "missing" : std::strerror(errno);
+  return "no directory";
+}
+
+/// The candidates before `chosen`, each with the reason why it is not the one.
+std::string passedOver(const std::string& chosen) {
+  std::string text;
+  for (const std::string& candidate : sshDirectoryCandidates()) {
+    if (candidate == chosen) break;
+    text += (text.empty() ? "" : ", ") + candidate + " (" + whyNotDirectory(candidate) + ")";
+  }
+  return text;
+}
+
+Check missingDirectory(const Situation& situation) {
+  const std::string path = situation.home + "/.ssh";
+  std::error_code error;
+  std::string command = "mkdir -m 700 " + shellWord(path);
+  if (std::filesystem::exists(std::filesystem::symlink_status(path, error))) {
+    command = "mv " + shellWord(path) + " " + shellWord(path + ".old") + " && " + command;
+  }
+  return {Verdict::FAIL, "ssh-dir", "none: " + passedOver(""),
+          situation.program + " does not make this directory", command};
+}
+
+/// The first of `path` and the directories above it that sshd objects to; the home directory is the last that
+/// counts.
+std::optional<std::pair<std::string, struct stat>> findUnsafe(std::string path, const Situation& situation) {
+  std::error_code error;
+  path = std::filesystem::canonical(path, error);
+  const std::string home = std::filesystem::canonical(situation.home, error);
+  while (!path.empty()) {
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0) return std::nullopt;
+    const bool foreign = status.st_uid != 0 && status.st_uid != situation.userId;
+    if (foreign || (status.st_mode & kOthersMayWrite) != 0) return std::pair(path, status);
+    if (path == home || path == "/") return std::nullopt;
+    path = std::filesystem::path(path).parent_path();
+  }
+  return std::nullopt;
+}
+
+/// What is wrong with the owner and the modes of the directory, or of a file in it.
+std::optional<Check> judgeModes(const std::string& name, const std::string& path,
+                                const Situation& situation) {
+  const auto offender = findUnsafe(path, situation);
+  if (!offender) return std::nullopt;
+  const auto& [place, status] = *offender;
+  const std::string mode = octal(status.st_mode);
+  if ((status.st_mode & kOthersMayWrite) != 0) {
+    return Check{
+        Verdict::FAIL, name, place + " may be written by others (mode " + mode + ")",
+        "sshd ignores keys that others could have written",
+        (status.st_uid == situation.userId ? "" : situation.asRoot("")) + "chmod go-w " + shellWord(place)};
+  }
+  return Check{Verdict::FAIL, name,
+               place + " belongs to " + userName(status.st_uid) + ", not to " + situation.user,
+               "sshd ignores keys in a directory that belongs to another user",
+               situation.asRoot("chown " + shellWord(situation.user) + ": " + shellWord(place))};
+}
+
+bool hasFlag(const std::string& path, unsigned int flag) {
+  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  unsigned int flags = 0;
+  const bool known = fd >= 0 && ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+  if (fd >= 0) close(fd);
+  return known && (flags & flag) != 0;
+}
+
+std::optional<Check> judgeFlags(const std::string& name, const std::string& path,
+                                const Situation& situation) {
+  constexpr std::array kFlags = {std::pair{FS_IMMUTABLE_FL, "i"}, std::pair{FS_APPEND_FL, "a"}};
+  for (const auto& [flag, letter] : kFlags) {
+    if (!hasFlag(path, flag)) continue;
+    return Check{Verdict::FAIL, name, path + " cannot be changed (chattr +" + letter + ")",
+                 "the programs cannot store a key in it, and do not say so",
+                 situation.asRoot(std::string("chattr -") + letter + " " + shellWord(path))};
+  }
+  return std::nullopt;
+}
+
+Check judgePath(const Situation& situation) {
+  const std::string& path = situation.sshDir;
+  const std::string own = situation.home + "/.ssh";
+  const std::string skipped = passedOver(path);
+  if (!isPlainWord(path)) {
+    return {Verdict::FAIL, "ssh-dir", path + " holds a blank or a special character",
+            "the programs hand the path to a shell, which then makes no key",
+            isPlainWord(own) ? "export HOME=" + situation.home
+                             : situation.asRoot("usermod --home /home/" + situation.user + " --move-home " +
+                                                situation.user)};
+  }
+  std::error_code error;
+  if (!std::filesystem::equivalent(path, own, error)) {
+    return {Verdict::FAIL, "ssh-dir", path + (skipped.empty() ? "" : ", not " + skipped),
+            "ssh and sshd use " + own + " for " + situation.user,
+            isDirectory(own) ? "export HOME=" + shellWord(situation.home) : "mkdir -m 700 " + shellWord(own)};
+  }
+  return {Verdict::OK, "ssh-dir", path + (skipped.empty() ? "" : ", not " + skipped), "", ""};
+}
+
+Check judgeOwner(const Situation& situation) {
+  if (auto check = judgeModes("ssh-dir-modes", situation.sshDir, situation)) return *check;
+  if (auto check = judgeFlags("ssh-dir-modes", situation.sshDir, situation)) return *check;
+  struct stat status = {};
+  stat(situation.sshDir.c_str(), &status);
+  // Root may write what belongs to others, and an own directory gets its mode from the programs.
+  if (!situation.isRoot() && status.st_uid != situation.userId) {
+    return {Verdict::FAIL, "ssh-dir-modes", situation.sshDir + " belongs to " + userName(status.st_uid),
+            "the programs run as " + situation.user + " and cannot write there",
+            situation.asRoot("chown -R " + situation.user + ": " + shellWord(situation.sshDir))};
+  }
+  return {Verdict::OK, "ssh-dir-modes", "of " + userName(status.st_uid) + ", mode " + octal(status.st_mode),
+          "", ""};
+}
+
+Check judgeSpace(const Situation& situation) {
+  const std::string& path = situation.sshDir;
+  struct statvfs space = {};
+  if (statvfs(path.c_str(), &space) != 0) {
+    return {Verdict::SKIP, "ssh-dir-space", std::strerror(errno), "", ""};
+  }
+  if ((space.f_flag & ST_RDONLY) != 0) {
+    return {Verdict::FAIL, "ssh-dir-space", "the file system of " + path + " is read-only",
+            "the programs can store no key, and do not say so",
+            situation.asRoot("mount -o remount,rw \"$(findmnt -n -o TARGET -T " + shellWord(path) + ")\"")};
+  }
+  const std::uint64_t blocks = situation.isRoot() ? space.f_bfree : space.f_bavail;
+  const std::uint64_t bytes = blocks * space.f_frsize;
+  const bool noFiles = space.f_files != 0 && (situation.isRoot() ? space.f_ffree : space.f_favail) == 0;
+  if (bytes < kBytesNeeded || noFiles) {
+    return {
+        Verdict::FAIL, "ssh-dir-space",
+        "the file system of " + path + (noFiles ? " can hold no more files" : " is full"),
+        "the programs can store no key, and do not say so; delete what these find",
+        situation.asRoot("du -xah \"$(findmnt -n -o TARGET -T " + shellWord(path) + ")\" | sort -h | tail")};
+  }
+  return {Verdict::OK, "ssh-dir-space", std::to_string(bytes / 1024) + " KiB free", "", ""};
+}
+
+/// A file that the programs edit: they must be able to read and write it, and sshd and ssh must accept it.
+std::optional<Check> judgeFile(const std::string& path, const Situation& situation) {
+  struct stat status = {};
+  if (lstat(path.c_str(), &status) != 0) return std::nullopt;
+  if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    return Check{Verdict::FAIL, "ssh-files", path + " is no regular file", "the programs store nothing in it",
+                 "mv " + shellWord(path) + " " + shellWord(path + ".old")};
+  }
+  if (auto check = judgeFlags("ssh-files", path, situation)) return check;
+  if (auto check = judgeModes("ssh-files", path, situation)) return check;
+  if (faccessat(AT_FDCWD, path.c_str(), R_OK | W_OK, AT_EACCESS) != 0) {
+    const bool own = status.st_uid == situation.userId;
+    return Check{Verdict::FAIL, "ssh-files", path + ": " + std::strerror(errno),
+                 "the programs must read and write it, and do not say if they cannot",
+                 own ? "chmod u+rw " + shellWord(path)
+                     : situation.asRoot("chown " + situation.user + ": " + shellWord(path))};
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+void checkDirectory(const Situation& situation, Report& report) {
+  if (situation.user.empty()) {
+    report.add({Verdict::FAIL, "user", "no name for user " + std::to_string(situation.userId),
+                "ssh works for users of the password database only",
+                "sudo useradd --create-home --uid " + std::to_string(situation.userId) + " dorve"});
+  }
+  if (situation.sshDir.empty()) {
+    report.add(missingDirectory(situation));
+    return;
+  }
+  report.add(judgePath(situation));
+  report.add(judgeOwner(situation));
+  report.add(judgeSpace(situation));
+  bool sound = true;
+  for (const std::string& path :
+       {situation.authorizedKeys, situation.config, situation.privateKey, situation.privateKey + ".pub"}) {
+    const auto check = judgeFile(path, situation);
+    if (check) report.add(*check);
+    sound &= !check;
+  }
+  if (sound)
+    report.add({Verdict::OK, "ssh-files", "authorized_keys, config and keys can be written", "", ""});
+}
+
+void checkKeygen(const Situation& situation, Report& report) {
+  // An ed25519 key with a value that is never used: ssh-keygen must recognise the type.
+  constexpr const char* kSample =
+      "ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA sample\n";
+  const CommandResult result = runCommand({"ssh-keygen", "-l", "-f", "-"}, situation.waitMs(), kSample);
+  if (result.succeeded()) {
+    report.add({Verdict::OK, "ssh-keygen", "runs and knows ed25519", "", ""});
+    return;
+  }
+  report.add({Verdict::FAIL, "ssh-keygen", result.lastWords(),
+              "without it a device makes no key, and both programs still report success",
+              situation.asRoot("apt-get install --reinstall --yes openssh-client")});
+}
+
+}  // namespace dorve

@@ -1,0 +1,202 @@
+// SPDX-License-Identifier: MIT
+// The link: the interface and its address on this device, the TCP port of the server, and the other device.
+#include <algorithm>
+
+#include "dorve/doctor/checks.h"
+#include "dorve/doctor/ports.h"
+#include "dorve/doctor/text.h"
+#include "dorve/protocol/endpoints.h"
+
+namespace dorve {
+namespace {
+
+constexpr const char* kPrefix = "/30";
+constexpr int kPrefixBits = 30;
+constexpr std::uint16_t kSshPort = 22;
+const std::string kLinkName = kLinkInterface;
+
+std::string renameCommand(const Situation& situation, const std::string& from) {
+  const std::string device = "ip link set dev " + from;
+  return situation.asRoot(device + " down") + " && " + situation.asRoot(device + " name " + kLinkName) +
+         " && " + situation.asRoot("ip link set dev " + kLinkName + " up");
+}
+
+/// The check of the interface. An interface without the address is the business of the next check.
+Check judgeInterface(const Situation& situation) {
+  const Interface* link = situation.link();
+  const Interface* guess = findByAddress(situation.interfaces, situation.ownAddress);
+  if (guess == nullptr) guess = guessLink(situation.interfaces);
+  if (link == nullptr && situation.role == Role::SERVER) link = guess;
+  if (link == nullptr && guess == nullptr) {
+    return {Verdict::FAIL, "interface", "none but " + describe(situation.interfaces),
+            "the link needs a network interface of its own", "ip -brief link"};
+  }
+  if (link == nullptr) {
+    return {Verdict::FAIL, "interface",
+            "none is called " + kLinkName + "; there is " + describe(situation.interfaces),
+            "dorve-client connects over " + kLinkName + " only", renameCommand(situation, guess->name)};
+  }
+  const std::string found = link->name + " is " + link->state();
+  if (!link->up) {
+    return {Verdict::FAIL, "interface", found, "nothing passes the link while it is down",
+            situation.asRoot("ip link set dev " + link->name + " up")};
+  }
+  if (!link->carrier) {
+    return {Verdict::FAIL, "interface", found, "the cable is out, or the other end of the link is down",
+            situation.onPeer("dorve-doctor " +
+                             std::string(situation.role == Role::CLIENT ? "server" : "client"))};
+  }
+  return {Verdict::OK, "interface", found, "", ""};
+}
+
+Check judgeAddress(const Situation& situation) {
+  const std::string& address = situation.ownAddress;
+  const Interface* holder = findByAddress(situation.interfaces, address);
+  const Interface* link = situation.link();
+  if (link == nullptr) link = holder != nullptr ? holder : guessLink(situation.interfaces);
+  const std::string target = link == nullptr ? kLinkName : link->name;
+  const std::string add = situation.asRoot("ip address add " + address + kPrefix + " dev " + target);
+  if (holder == nullptr) {
+    return {Verdict::FAIL, "address", address + " is on no interface",
+            "the address of the " + std::string(situation.role == Role::CLIENT ? "client" : "server") +
+                " is fixed",
+            add};
+  }
+  const auto own = std::find_if(holder->addresses.begin(), holder->addresses.end(),
+                                [&](const Interface::Address& entry) { return entry.text == address; });
+  const std::string held = address + "/" + std::to_string(own->prefix);
+  const std::string remove = situation.asRoot("ip address del " + held + " dev " + holder->name);
+  if (holder->name != target) {
+    return {Verdict::FAIL, "address", held + " is on " + holder->name + ", not on " + target,
+            "the other device then answers on the wrong interface", remove + " && " + add};
+  }
+  if (own->prefix > kPrefixBits) {
+    return {Verdict::FAIL, "address", held + " is on " + target,
+            "the other device's address is outside its network", remove + " && " + add};
+  }
+  if (holder->up && sourceAddressFor(situation.peerAddress) != address) {
+    return {Verdict::FAIL, "address", "packets to " + situation.peerAddress + " do not leave from " + address,
+            "another route or address takes them away from the link",
+            situation.asRoot("ip route replace " + situation.peerAddress + "/32 dev " + target + " src " +
+                             address)};
+  }
+  return {Verdict::OK, "address", held + " on " + holder->name, "", ""};
+}
+
+std::string pids(const std::vector<ProcessInfo>& processes) {
+  std::vector<std::string> numbers;
+  numbers.reserve(processes.size());
+  for (const ProcessInfo& process : processes) numbers.push_back(std::to_string(process.pid));
+  return join(numbers, " ");
+}
+
+/// The programs of ours that run on this device.
+void judgePrograms(const Situation& situation, Report& report) {
+  const std::vector<ProcessInfo> running = findProcesses(situation.program);
+  if (running.size() > 1) {
+    report.add({Verdict::FAIL, "programs",
+                situation.program + " runs " + std::to_string(running.size()) + " times",
+                "each start replaces the key of the one before; stop all, then pair again",
+                situation.asRoot("kill " + pids(running))});
+    return;
+  }
+  report.add({Verdict::OK, "programs",
+              running.empty() ? "no " + situation.program + " runs"
+                              : situation.program + " runs (process " + pids(running) + ")",
+              "", ""});
+}
+
+/// Who holds port 8888 of the server.
+Check judgeListener(const Situation& situation) {
+  const auto listeners = listListeners();
+  if (!listeners) return {Verdict::SKIP, "port-8888", "not checked: /proc does not tell", "", ""};
+  const auto holder = std::find_if(listeners->begin(), listeners->end(), [&](const Listener& listener) {
+    return listener.port == kPort && covers(listener, situation.ownAddress);
+  });
+  if (holder == listeners->end()) return {Verdict::OK, "port-8888", "free", "", ""};
+  const auto owner = findOwner(*holder);
+  if (!owner) {
+    return {Verdict::FAIL, "port-8888", "held by a process of another user",
+            "dorve-server cannot listen on it", "sudo ss -ltnp sport = :8888"};
+  }
+  const std::string who = owner->name + " (process " + std::to_string(owner->pid) + ")";
+  if (owner->name == situation.program)
+    return {Verdict::OK, "port-8888", who + " waits for a client", "", ""};
+  return {Verdict::FAIL, "port-8888", "held by " + who, "dorve-server cannot listen on it",
+          situation.asRoot("kill " + std::to_string(owner->pid))};
+}
+
+/// Lets the other device through the firewall of the device that the command is typed on. The first command
+/// is for the table that Debian's nftables.conf sets up, the second for all that iptables and its relatives
+/// manage.
+std::string openFirewall(const std::string& from) {
+  return "nft insert rule inet filter input ip saddr " + from + " accept || iptables -I INPUT -s " + from +
+         " -j ACCEPT";
+}
+
+/// A port of the other device that may be open or behind a firewall.
+Check judgePeerPort(const Situation& situation, std::uint16_t port, PortState state, Verdict blocked) {
+  const std::string name = "peer-" + std::to_string(port);
+  const std::string place = "port " + std::to_string(port) + " of " + situation.peerAddress;
+  if (state == PortState::OPEN) return {Verdict::OK, name, place + " is open", "", ""};
+  return {blocked, name, place + (state == PortState::REJECTED ? " is rejected" : " does not answer"),
+          "the device is there, but a firewall does not let this one through",
+          situation.onPeer(openFirewall(situation.ownAddress))};
+}
+
+/// Whether dorve-server waits on the other device. After a pairing none has to.
+Check judgePeerServer(const Situation& situation, PortState state) {
+  const bool paired = isPaired(situation);
+  if (state != PortState::REFUSED) {
+    return judgePeerPort(situation, kPort, state, paired ? Verdict::WARN : Verdict::FAIL);
+  }
+  if (paired) {
+    return {Verdict::OK, "peer-8888", "no dorve-server waits there; none is needed after a pairing", "", ""};
+  }
+  return {Verdict::SKIP, "peer-8888", "no dorve-server waits on " + situation.peerAddress,
+          "it waits for 60 seconds only; start it, then dorve-client here", situation.onPeer("dorve-server")};
+}
+
+}  // namespace
+
+void checkLink(const Situation& situation, Report& report) {
+  report.add({Verdict::OK, "role",
+              (situation.role == Role::CLIENT ? "client: " : "server: ") + situation.roleReason, "", ""});
+  report.add(judgeInterface(situation));
+  report.add(judgeAddress(situation));
+}
+
+void checkPort(const Situation& situation, Report& report) {
+  judgePrograms(situation, report);
+  if (situation.role == Role::SERVER) report.add(judgeListener(situation));
+}
+
+bool checkPeer(const Situation& situation, Report& report) {
+  const bool client = situation.role == Role::CLIENT;
+  std::vector<std::uint16_t> ports = {kSshPort};
+  if (client) ports.push_back(kPort);
+  const std::vector<PortState> states = probePorts(situation.peerAddress, ports, situation.waitMs());
+  const PortState ssh = states.front();
+  if (ssh == PortState::NO_ROUTE) {
+    report.add({Verdict::FAIL, "peer", "this device has no route to " + situation.peerAddress,
+                "the interface or its address is not in order", "ip route get " + situation.peerAddress});
+    return false;
+  }
+  if (ssh == PortState::NO_NEIGHBOUR) {
+    report.add({Verdict::FAIL, "peer", "nobody on the link answers for " + situation.peerAddress,
+                "the other device lacks the address, or its end of the link is down",
+                situation.doctorThere()});
+    return false;
+  }
+  report.add({Verdict::OK, "peer", situation.peerAddress + " answers on the link", "", ""});
+  if (client) report.add(judgePeerServer(situation, states.back()));
+  if (ssh == PortState::REFUSED) {
+    report.add({Verdict::FAIL, "peer-22", "port 22 of " + situation.peerAddress + " refuses connections",
+                "no sshd listens there, so no login is possible", situation.doctorThere()});
+  } else {
+    report.add(judgePeerPort(situation, kSshPort, ssh, Verdict::FAIL));
+  }
+  return ssh == PortState::OPEN;
+}
+
+}  // namespace dorve

@@ -1,0 +1,286 @@
+// SPDX-License-Identifier: MIT
+// What a pairing leaves on this device, and the login that it is for. ssh and ssh-keygen judge their own
+// files.
+#include <pwd.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "dorve/doctor/checks.h"
+#include "dorve/doctor/command.h"
+#include "dorve/doctor/ports.h"
+#include "dorve/doctor/settings.h"
+#include "dorve/doctor/text.h"
+#include "dorve/keys/file_text.h"
+#include "dorve/keys/key_material.h"
+
+namespace dorve {
+namespace {
+
+constexpr std::size_t kMaxKeyLine = 4095;  // the protocol carries no longer key
+constexpr uid_t kFirstUserId = 1000;       // of ordinary users, on Debian
+constexpr std::size_t kMaxGuesses = 4;     // user names to try on the other device
+
+std::vector<std::string> pairingLines(const Situation& situation) {
+  std::vector<std::string> lines = split(readFileText(situation.authorizedKeys).value_or(""), "\n");
+  std::erase_if(lines,
+                [](const std::string& line) { return line.find(kPairingKeyName) == std::string::npos; });
+  return lines;
+}
+
+bool isNewer(const std::string& path, const std::string& other) {
+  std::error_code first;
+  std::error_code second;
+  const auto time = std::filesystem::last_write_time(path, first);
+  const auto otherTime = std::filesystem::last_write_time(other, second);
+  return !first && !second && time > otherTime;
+}
+
+std::string hostLine(const Situation& situation) {
+  return "Host " + situation.peerAddress;
+}
+
+/// The fingerprint of a public key line; empty if ssh-keygen finds no key in it.
+std::string fingerprint(const std::string& line, const Situation& situation) {
+  if (line.size() > kMaxKeyLine) return "";
+  const CommandResult result = runCommand({"ssh-keygen", "-l", "-f", "-"}, situation.waitMs(), line + "\n");
+  const std::vector<std::string> words = split(result.out, " ");
+  return result.succeeded() && words.size() > 1 ? words[1] : "";
+}
+
+/// The type and the key of a public key line, without its comment.
+std::vector<std::string> keyPart(const std::string& line) {
+  std::vector<std::string> words = split(line, " \n");
+  words.resize(std::min<std::size_t>(words.size(), 2));
+  return words;
+}
+
+Check judgeKeyPair(const Situation& situation, bool loginWorks) {
+  constexpr const char* kName = "key-pair";
+  struct stat status = {};
+  if (stat(situation.privateKey.c_str(), &status) != 0) {
+    return {Verdict::FAIL, kName, situation.privateKey + " is missing",
+            "this device has no key to log in with", situation.pairAgain()};
+  }
+  if ((status.st_mode & 077U) != 0) {
+    return {Verdict::FAIL, kName, "others may read " + situation.privateKey, "ssh ignores such a private key",
+            situation.asRoot("chmod 600 " + shellWord(situation.privateKey))};
+  }
+  const std::string publicLine = readPublicKey(situation.sshDir, kPairingKeyName);
+  const CommandResult derived =
+      runCommand({"ssh-keygen", "-y", "-P", "", "-f", situation.privateKey}, situation.waitMs());
+  if (!derived.succeeded()) {
+    return {Verdict::FAIL, kName, "ssh-keygen cannot read the private key: " + derived.lastWords(),
+            "ssh cannot use it either", situation.pairAgain()};
+  }
+  if (keyPart(derived.out) != keyPart(publicLine)) {
+    return {Verdict::FAIL, kName, "the private and the public key do not belong together",
+            "the other device holds a key that this one cannot prove", situation.pairAgain()};
+  }
+  if (!loginWorks && isNewer(situation.privateKey, situation.authorizedKeys)) {
+    return {Verdict::FAIL, kName, "the key is newer than the pairing",
+            "a " + situation.program + " started since has replaced the key that the other device knows",
+            situation.pairAgain()};
+  }
+  return {Verdict::OK, kName, fingerprint(publicLine, situation), "", ""};
+}
+
+Check judgePeerKey(const Situation& situation) {
+  constexpr const char* kName = "peer-key";
+  const std::vector<std::string> lines = pairingLines(situation);
+  if (lines.size() != 1) {
+    return {Verdict::FAIL, kName,
+            "authorized_keys holds " + (lines.empty() ? "no" : std::to_string(lines.size())) +
+                " pairing key" + (lines.empty() ? "" : "s"),
+            lines.empty() ? "the other device had no key to send, or it could not be stored here"
+                          : "a pairing leaves exactly one",
+            situation.pairAgain()};
+  }
+  const std::string print = fingerprint(lines.front(), situation);
+  if (print.empty()) {
+    return {Verdict::FAIL, kName, "the pairing key in authorized_keys is damaged", "sshd ignores such a line",
+            situation.pairAgain()};
+  }
+  return {Verdict::OK, kName, print, "", ""};
+}
+
+/// A setting of ssh that the block of a pairing makes, or relies on.
+struct Setting {
+  const char* name;  ///< as in ssh_config(5)
+  std::string value;
+  std::vector<std::string> accepted;  ///< what `ssh -G` may print for it
+};
+
+/// The settings for the other device that ssh takes from elsewhere than the block of the pairing.
+std::vector<Setting> findOverridden(const Settings& settings, const Situation& situation) {
+  std::vector<Setting> all = {
+      {"IdentityFile",
+       situation.privateKey,
+       {situation.privateKey, std::string("~/.ssh/") + kPairingKeyName}},
+      {"IdentitiesOnly", "yes", {"yes"}},
+      {"StrictHostKeyChecking", "no", {"no", "false", "off"}},
+      {"UserKnownHostsFile", "/dev/null", {"/dev/null"}},
+      {"HostName", situation.peerAddress, {situation.peerAddress}},
+      {"Port", "22", {"22"}},
+      {"PubkeyAuthentication", "yes", {"yes", "true", "unbound", "host-bound"}},
+      {"ProxyCommand", "none", {"", "none"}},
+      {"ProxyJump", "none", {"", "none"}},
+  };
+  std::erase_if(all, [&](const Setting& setting) {
+    std::vector<std::string> values = settings.all(toLower(setting.name));
+    // ssh tries every identity file. Of all other settings it takes the first.
+    if (values.empty()) values.emplace_back();
+    if (setting.name != std::string("IdentityFile")) values.resize(1);
+    return std::find_first_of(values.begin(), values.end(), setting.accepted.begin(),
+                              setting.accepted.end()) != values.end();
+  });
+  return all;
+}
+
+/// Puts the settings in front of all others, because ssh takes the first value that it reads. The last line
+/// makes what stood first apply to all hosts again.
+std::string preferCommand(const std::vector<Setting>& settings, const Situation& situation) {
+  std::string lines = hostLine(situation);
+  for (const Setting& setting : settings)
+    lines += std::string("\\n    ") + setting.name + " " + setting.value;
+  return "sed -i '1i " + lines + "\\nHost *' " + shellWord(situation.config);
+}
+
+Check judgeConfig(const CommandResult& result, const Situation& situation) {
+  constexpr const char* kName = "ssh-config";
+  if (result.end == CommandResult::End::NOT_FOUND) {
+    return {Verdict::FAIL, kName, "there is no ssh", "this device cannot log in anywhere",
+            situation.asRoot("apt-get install --yes openssh-client")};
+  }
+  if (!result.succeeded()) {
+    return {Verdict::FAIL, kName, "ssh -G: " + result.lastWords(), "ssh does not run with this configuration",
+            "ssh -G " + situation.peerAddress};
+  }
+  const std::string text = readFileText(situation.config).value_or("");
+  if (text.find(hostLine(situation)) == std::string::npos) {
+    return {Verdict::FAIL, kName, situation.config + " has no " + hostLine(situation),
+            "the pairing did not end, or the block could not be stored", situation.pairAgain()};
+  }
+  const Settings settings(result.out);
+  const std::vector<Setting> wrong = findOverridden(settings, situation);
+  if (wrong.empty())
+    return {Verdict::OK, kName, "ssh uses the pairing's key for " + situation.peerAddress, "", ""};
+  const std::string name = wrong.front().name;
+  return {Verdict::FAIL, kName,
+          "for " + situation.peerAddress + " ssh uses " + name + " " + settings.first(toLower(name)),
+          "an earlier line of ssh's configuration overrides the pairing's block",
+          preferCommand(wrong, situation)};
+}
+
+/// One login to the other device that leaves no trace here: no host key is stored, nothing is forwarded and
+/// no connection is shared. Where the configuration checks host keys, so does this login.
+CommandResult tryLogin(const Situation& situation, const Settings& settings, const std::string& user) {
+  const std::string checking = settings.first("stricthostkeychecking");
+  const bool checks =
+      checking != "no" && checking != "false" && checking != "off" && checking != "accept-new";
+  std::vector<std::string> words = {"ssh", "-n", "-T"};
+  for (const char* option :
+       {"BatchMode=yes", "ControlMaster=no", "ControlPath=none", "ClearAllForwardings=yes", "ForwardX11=no",
+        "ForwardAgent=no", "PermitLocalCommand=no", "RemoteCommand=none", "UpdateHostKeys=no",
+        "LogLevel=ERROR"}) {
+    words.insert(words.end(), {"-o", option});
+  }
+  words.insert(words.end(),
+               {"-o", "ConnectTimeout=" + std::to_string(std::max(1, situation.timeoutMs / 1000))});
+  words.insert(words.end(), {"-o", checks ? "StrictHostKeyChecking=yes" : "StrictHostKeyChecking=no"});
+  if (!checks) words.insert(words.end(), {"-o", "UserKnownHostsFile=/dev/null"});
+  if (!user.empty()) words.insert(words.end(), {"-l", user});
+  words.insert(words.end(), {situation.peerAddress, "true"});
+  return runCommand(words, situation.waitMs());
+}
+
+/// Names that the user who paired on the other device may have: root, and the ordinary users of this device.
+std::vector<std::string> likelyUsers(const Situation& situation) {
+  std::vector<std::string> names = {"root"};
+  setpwent();
+  while (const passwd* entry = getpwent()) {
+    if (entry->pw_uid >= kFirstUserId && entry->pw_uid < 65534) names.emplace_back(entry->pw_name);
+  }
+  endpwent();
+  std::erase(names, situation.user);
+  names.resize(std::min(names.size(), kMaxGuesses));
+  return names;
+}
+
+struct Explanation {
+  const char* words;  ///< in what ssh prints
+  const char* cause;
+};
+constexpr Explanation kExplanations[] = {
+    {"No route to host", "nobody answers for the address, or a firewall rejects port 22"},
+    {"Connection refused", "no sshd listens on port 22 there"},
+    {"timed out", "a firewall there drops port 22, or the device is overloaded"},
+    {"Host key verification failed", "ssh checks host keys, and does not know this one"},
+    {"host key is known", "ssh checks host keys, and does not know this one"},
+    {"Too many authentication failures", "ssh offers other keys first; IdentitiesOnly is not in force"},
+    {"Connection closed", "sshd there ended the connection; its log says why"},
+    {"Connection reset", "sshd there ended the connection; its log says why"},
+};
+
+Check explainRefusal(const Situation& situation, const Settings& settings) {
+  for (const std::string& user : likelyUsers(situation)) {
+    if (!tryLogin(situation, settings, user).succeeded()) continue;
+    return {Verdict::FAIL, "login",
+            situation.peerAddress + " lets " + user + " in, not " + settings.first("user"),
+            "the pairing there ran as " + user,
+            "sed -i '1i " + hostLine(situation) + "\\n    User " + user + "\\nHost *' " +
+                shellWord(situation.config)};
+  }
+  return {Verdict::FAIL, "login", situation.peerAddress + " refuses the key for " + settings.first("user"),
+          "it holds another key, its sshd does not accept it, or another user paired there",
+          situation.doctorThere()};
+}
+
+Check explainLogin(const CommandResult& result, const Situation& situation, const Settings& settings) {
+  if (result.err.find("Permission denied") != std::string::npos) return explainRefusal(situation, settings);
+  if (result.end == CommandResult::End::EXITED && result.status != 255) {
+    return {Verdict::FAIL, "login", "the key is accepted, but no command runs: " + result.lastWords(),
+            "the user's shell there ends every login", situation.doctorThere()};
+  }
+  const auto* const known =
+      std::find_if(std::begin(kExplanations), std::end(kExplanations),
+                   [&](const Explanation& e) { return result.err.find(e.words) != std::string::npos; });
+  return {Verdict::FAIL, "login", result.lastWords(), known == std::end(kExplanations) ? "" : known->cause,
+          situation.doctorThere()};
+}
+
+}  // namespace
+
+bool isPaired(const Situation& situation) {
+  if (situation.sshDir.empty()) return false;
+  const std::string config = readFileText(situation.config).value_or("");
+  return !pairingLines(situation).empty() || config.find(hostLine(situation)) != std::string::npos;
+}
+
+void checkPairing(const Situation& situation, bool sshIsOpen, Report& report) {
+  if (!isPaired(situation)) {
+    const bool waits = situation.role == Role::SERVER && !findProcesses(situation.program).empty();
+    report.add({Verdict::SKIP, "pairing", "this device is not paired yet", "",
+                waits ? situation.onPeer(situation.peerProgram) : situation.pairAgain()});
+    return;
+  }
+  const CommandResult config = runCommand({"ssh", "-G", situation.peerAddress}, situation.waitMs());
+  const Settings settings(config.out);
+  CommandResult login;
+  if (sshIsOpen && config.succeeded()) login = tryLogin(situation, settings, "");
+
+  report.add(judgeKeyPair(situation, login.succeeded()));
+  report.add(judgePeerKey(situation));
+  report.add(judgeConfig(config, situation));
+  if (login.succeeded()) {
+    report.add({Verdict::OK, "login",
+                "ssh " + situation.peerAddress + " logs in as " + settings.first("user"), "", ""});
+  } else if (!sshIsOpen || !config.succeeded()) {
+    report.add({Verdict::SKIP, "login", "not tried, for the reasons above", "", ""});
+  } else {
+    report.add(explainLogin(login, situation, settings));
+  }
+}
+
+}  // namespace dorve

@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: MIT
+#include "dorve/doctor/settings.h"
+
+#include "dorve/doctor/text.h"
+
+namespace dorve {
+
+Settings::Settings(std::string_view text) {
+  for (const std::string& line : split(text, "\r\n")) {
+    const std::size_t blank = line.find(' ');
+    if (blank != std::string::npos) entries.emplace_back(line.substr(0, blank), line.substr(blank + 1));
+  }
+}
+
+std::string Settings::first(std::string_view name) const {
+  for (const auto& [entryName, value] : entries) {
+    if (entryName == name) return value;
+  }
+  return "";
+}
+
+std::vector<std::string> Settings::all(std::string_view name) const {
+  std::vector<std::string> values;
+  for (const auto& [entryName, value] : entries) {
+    if (entryName == name) values.push_back(value);
+  }
+  return values;
+}
+
+std::vector<std::string> Settings::words(std::string_view name) const {
+  std::vector<std::string> result;
+  for (const std::string& value : all(name)) {
+    for (std::string& word : split(value, " \t")) result.push_back(std::move(word));
+  }
+  return result;
+}
+
+}  // namespace dorve

@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: MIT
+#ifndef DORVE_DOCTOR_SETTINGS_H_
+#define DORVE_DOCTOR_SETTINGS_H_
+
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace dorve {
+
+/// The effective configuration that `ssh -G` or `sshd -T` prints: a line for each value, the setting's name
+/// in lower case first. Several lines may have the same name.
+class Settings {
+ public:
+  explicit Settings(std::string_view text);
+
+  /// The first value of a setting; empty if there is none.
+  std::string first(std::string_view name) const;
+
+  /// All values of a setting, in order.
+  std::vector<std::string> all(std::string_view name) const;
+
+  /// All words of all values of a setting.
+  std::vector<std::string> words(std::string_view name) const;
+
+ private:
+  std::vector<std::pair<std::string, std::string>> entries;
+};
+
+}  // namespace dorve
+
+#endif  // DORVE_DOCTOR_SETTINGS_H_

@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: MIT
+#include "dorve/doctor/situation.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "dorve/client/ssh_directory.h"
+#include "dorve/keys/file_text.h"
+#include "dorve/keys/key_material.h"
+#include "dorve/protocol/endpoints.h"
+
+namespace dorve {
+namespace {
+
+constexpr int kTotalWaits = 3;  // all checks together wait at most as long as this many waits
+constexpr int kShortestWaitMs = 100;
+
+void setUser(Situation& situation) {
+  situation.userId = geteuid();
+  const passwd* entry = getpwuid(situation.userId);
+  if (entry == nullptr) return;
+  situation.user = entry->pw_name;
+  situation.home = entry->pw_dir;
+  situation.shell = entry->pw_shell;
+}
+
+void setDirectory(Situation& situation) {
+  const std::vector<std::string> candidates = sshDirectoryCandidates();
+  const auto usable = std::find_if(candidates.begin(), candidates.end(), isDirectory);
+  if (usable == candidates.end()) return;
+  situation.sshDir = *usable;
+  situation.privateKey = *usable + "/" + kPairingKeyName;
+  situation.authorizedKeys = *usable + "/authorized_keys";
+  situation.config = *usable + "/config";
+}
+
+void setRole(Situation& situation, Role role, std::string reason) {
+  const bool client = role == Role::CLIENT;
+  situation.role = role;
+  situation.roleReason = std::move(reason);
+  situation.program = client ? "dorve-client" : "dorve-server";
+  situation.peerProgram = client ? "dorve-server" : "dorve-client";
+  situation.ownAddress = client ? kClientAddress : kServerAddress;
+  situation.peerAddress = client ? kServerAddress : kClientAddress;
+}
+
+void guessRole(Situation& situation) {
+  if (const Interface* link = findByAddress(situation.interfaces, kServerAddress)) {
+    return setRole(situation, Role::SERVER, link->name + " has " + kServerAddress);
+  }
+  if (const Interface* link = findByAddress(situation.interfaces, kClientAddress)) {
+    return setRole(situation, Role::CLIENT, link->name + " has " + kClientAddress);
+  }
+  const std::string config = readFileText(situation.config).value_or("");
+  if (config.find(std::string("Host ") + kClientAddress) != std::string::npos) {
+    return setRole(situation, Role::SERVER, std::string("ssh's config names ") + kClientAddress);
+  }
+  const std::string named = findByName(situation.interfaces, kLinkInterface) != nullptr
+                                ? std::string(kLinkInterface) + " is here"
+                                : "a guess";
+  setRole(situation, Role::CLIENT, named + "; on the server, type: dorve-doctor server");
+}
+
+}  // namespace
+
+int Situation::waitMs() const {
+  const auto left =
+      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+  return std::clamp(static_cast<int>(left.count()), kShortestWaitMs, timeoutMs);
+}
+
+const Interface* Situation::link() const {
+  const Interface* named = findByName(interfaces, kLinkInterface);
+  if (role == Role::CLIENT) return named;
+  const Interface* addressed = findByAddress(interfaces, ownAddress);
+  return addressed != nullptr ? addressed : named;
+}
+
+std::string Situation::asRoot(const std::string& command) const {
+  return isRoot() ? command : "sudo " + command;
+}
+
+std::string Situation::onPeer(const std::string& command) const {
+  return command + "  # on " + peerAddress;
+}
+
+std::string Situation::doctorThere() const {
+  return onPeer(role == Role::CLIENT ? "dorve-doctor server" : "dorve-doctor client");
+}
+
+std::string Situation::pairAgain() const {
+  return role == Role::SERVER ? "dorve-server  # then dorve-client on " + peerAddress
+                              : "dorve-client  # first start dorve-server on " + peerAddress;
+}
+
+Situation examineSituation(std::optional<Role> role, int timeoutMs) {
+  Situation situation;
+  situation.timeoutMs = timeoutMs;
+  situation.deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(std::int64_t{timeoutMs} * kTotalWaits);
+  situation.interfaces = listInterfaces();
+  setUser(situation);
+  setDirectory(situation);
+  if (role) {
+    setRole(situation, *role, "as you say");
+  } else {
+    guessRole(situation);
+  }
+  return situation;
+}
+
+}  // namespace dorve

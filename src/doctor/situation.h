@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: MIT
+#ifndef DORVE_DOCTOR_SITUATION_H_
+#define DORVE_DOCTOR_SITUATION_H_
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "dorve/doctor/interfaces.h"
+
+namespace dorve {
+
+enum class Role : std::uint8_t { CLIENT, SERVER };
+
+/// What all checks need to know: which side this device is, as whom we run, and where things are.
+struct Situation {
+  Role role = Role::CLIENT;
+  std::string roleReason;
+  std::string program;  ///< dorve-client or dorve-server
+  std::string peerProgram;
+  std::string ownAddress;
+  std::string peerAddress;
+  std::vector<Interface> interfaces;
+
+  uid_t userId = 0;
+  std::string user;   ///< empty if the password database does not know the user
+  std::string home;   ///< of the password database, which ssh and sshd go by
+  std::string shell;  ///< of the password database
+
+  std::string sshDir;  ///< as both programs find it; empty if there is none
+  std::string privateKey;
+  std::string authorizedKeys;
+  std::string config;
+
+  int timeoutMs = 0;  ///< for one wait
+  std::chrono::steady_clock::time_point deadline;
+
+  /// The time that a wait may take now: less than `timeoutMs` near the end of all checks.
+  int waitMs() const;
+
+  /// The interface of the link: by the own address, else by its name on the client; null if there is none.
+  const Interface* link() const;
+
+  bool isRoot() const { return userId == 0; }
+
+  /// The command with sudo in front where this user needs it.
+  std::string asRoot(const std::string& command) const;
+
+  /// A command that is to be typed on the other device.
+  std::string onPeer(const std::string& command) const;
+
+  /// The doctor, on the other device.
+  std::string doctorThere() const;
+
+  /// The commands that pair again.
+  std::string pairAgain() const;
+};
+
+/// Finds out all of it. Without a role from the caller the addresses and interfaces tell it.
+Situation examineSituation(std::optional<Role> role, int timeoutMs);
+
+}  // namespace dorve
+
+#endif  // DORVE_DOCTOR_SITUATION_H_

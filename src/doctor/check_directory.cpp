@@ -9,6 +9,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
@@ -48,12 +49,14 @@ std::string whyNotDirectory(const std::string& path) {
 
 /// The candidates before `chosen`, each with the reason why it is not the one.
 std::string passedOver(const std::string& chosen) {
-  std::string text;
+  std::vector<std::string> parts;
   for (const std::string& candidate : sshDirectoryCandidates()) {
     if (candidate == chosen) break;
-    text += (text.empty() ? "" : ", ") + candidate + " (" + whyNotDirectory(candidate) + ")";
+    const std::string part = candidate + " (" + whyNotDirectory(candidate) + ")";
+    // HOME may be one of the fixed places.
+    if (std::find(parts.begin(), parts.end(), part) == parts.end()) parts.push_back(part);
   }
-  return text;
+  return join(parts, ", ");
 }
 
 Check missingDirectory(const Situation& situation) {
@@ -232,7 +235,7 @@ void checkKeygen(const Situation& situation, Report& report) {
   // An ed25519 key with a value that is never used: ssh-keygen must recognise the type.
   constexpr const char* kSample =
       "ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA sample\n";
-  const CommandResult result = runCommand({"ssh-keygen", "-l", "-f", "-"}, situation.waitMs(), kSample);
+  const CommandResult result = runCommand({"ssh-keygen", "-l", "-f", "-"}, situation.commandMs(), kSample);
   if (result.succeeded()) {
     report.add({Verdict::OK, "ssh-keygen", "runs and knows ed25519", "", ""});
     return;

@@ -175,7 +175,7 @@ bool checkPeer(const Situation& situation, Report& report) {
   const bool client = situation.role == Role::CLIENT;
   std::vector<std::uint16_t> ports = {kSshPort};
   if (client) ports.push_back(kPort);
-  const std::vector<PortState> states = probePorts(situation.peerAddress, ports, situation.waitMs());
+  const std::vector<PortState> states = probePorts(situation.peerAddress, ports, situation.timeoutMs);
   const PortState ssh = states.front();
   if (ssh == PortState::NO_ROUTE) {
     report.add({Verdict::FAIL, "peer", "this device has no route to " + situation.peerAddress,

@@ -44,7 +44,8 @@ std::string hostLine(const Situation& situation) {
 /// The fingerprint of a public key line; empty if ssh-keygen finds no key in it.
 std::string fingerprint(const std::string& line, const Situation& situation) {
   if (line.size() > kMaxKeyLine) return "";
-  const CommandResult result = runCommand({"ssh-keygen", "-l", "-f", "-"}, situation.waitMs(), line + "\n");
+  const CommandResult result =
+      runCommand({"ssh-keygen", "-l", "-f", "-"}, situation.commandMs(), line + "\n");
   const std::vector<std::string> words = split(result.out, " ");
   return result.succeeded() && words.size() > 1 ? words[1] : "";
 }
@@ -69,7 +70,7 @@ Check judgeKeyPair(const Situation& situation, bool loginWorks) {
   }
   const std::string publicLine = readPublicKey(situation.sshDir, kPairingKeyName);
   const CommandResult derived =
-      runCommand({"ssh-keygen", "-y", "-P", "", "-f", situation.privateKey}, situation.waitMs());
+      runCommand({"ssh-keygen", "-y", "-P", "", "-f", situation.privateKey}, situation.commandMs());
   if (!derived.succeeded()) {
     return {Verdict::FAIL, kName, "ssh-keygen cannot read the private key: " + derived.lastWords(),
             "ssh cannot use it either", situation.pairAgain()};
@@ -192,7 +193,7 @@ CommandResult tryLogin(const Situation& situation, const Settings& settings, con
   if (!checks) words.insert(words.end(), {"-o", "UserKnownHostsFile=/dev/null"});
   if (!user.empty()) words.insert(words.end(), {"-l", user});
   words.insert(words.end(), {situation.peerAddress, "true"});
-  return runCommand(words, situation.waitMs());
+  return runCommand(words, situation.commandMs());
 }
 
 /// Names that the user who paired on the other device may have: root, and the ordinary users of this device.
@@ -233,8 +234,8 @@ Check explainRefusal(const Situation& situation, const Settings& settings) {
                 shellWord(situation.config)};
   }
   return {Verdict::FAIL, "login", situation.peerAddress + " refuses the key for " + settings.first("user"),
-          "it holds another key, its sshd does not accept it, or another user paired there",
-          situation.doctorThere()};
+          "it holds another key: pair again; if that does not help, run dorve-doctor there",
+          situation.pairAgain()};
 }
 
 Check explainLogin(const CommandResult& result, const Situation& situation, const Settings& settings) {
@@ -265,7 +266,7 @@ void checkPairing(const Situation& situation, bool sshIsOpen, Report& report) {
                 waits ? situation.onPeer(situation.peerProgram) : situation.pairAgain()});
     return;
   }
-  const CommandResult config = runCommand({"ssh", "-G", situation.peerAddress}, situation.waitMs());
+  const CommandResult config = runCommand({"ssh", "-G", situation.peerAddress}, situation.commandMs());
   const Settings settings(config.out);
   CommandResult login;
   if (sshIsOpen && config.succeeded()) login = tryLogin(situation, settings, "");

@@ -222,7 +222,7 @@ void checkSshd(const Situation& situation, Report& report) {
   const std::string connection = "user=" + situation.user + ",host=" + situation.peerAddress +
                                  ",addr=" + situation.peerAddress + ",laddr=" + situation.ownAddress +
                                  ",lport=22";
-  const CommandResult result = runCommand({kSshd, "-T", "-C", connection}, situation.waitMs());
+  const CommandResult result = runCommand({kSshd, "-T", "-C", connection}, situation.commandMs());
   if (result.end == CommandResult::End::NOT_FOUND) {
     report.add({Verdict::SKIP, "sshd-config", "not checked: there is no " + std::string(kSshd), "", ""});
   } else if (result.succeeded()) {

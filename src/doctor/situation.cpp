@@ -14,8 +14,10 @@
 namespace dorve {
 namespace {
 
-constexpr int kTotalWaits = 3;  // all checks together wait at most as long as this many waits
-constexpr int kShortestWaitMs = 100;
+constexpr int kCommandMs = 4000;  // a slow device needs more than a second for a login
+constexpr int kShortestMs = 100;
+constexpr int kTotalMs = 9000;
+constexpr int kTotalTimeouts = 3;  // with a long timeout
 
 void setUser(Situation& situation) {
   situation.userId = geteuid();
@@ -65,10 +67,10 @@ void guessRole(Situation& situation) {
 
 }  // namespace
 
-int Situation::waitMs() const {
+int Situation::commandMs() const {
   const auto left =
       std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-  return std::clamp(static_cast<int>(left.count()), kShortestWaitMs, timeoutMs);
+  return std::clamp(static_cast<int>(left.count()), kShortestMs, std::max(kCommandMs, timeoutMs));
 }
 
 const Interface* Situation::link() const {
@@ -98,8 +100,8 @@ std::string Situation::pairAgain() const {
 Situation examineSituation(std::optional<Role> role, int timeoutMs) {
   Situation situation;
   situation.timeoutMs = timeoutMs;
-  situation.deadline =
-      std::chrono::steady_clock::now() + std::chrono::milliseconds(std::int64_t{timeoutMs} * kTotalWaits);
+  situation.deadline = std::chrono::steady_clock::now() +
+                       std::chrono::milliseconds(std::max(kTotalMs, kTotalTimeouts * timeoutMs));
   situation.interfaces = listInterfaces();
   setUser(situation);
   setDirectory(situation);

@@ -37,11 +37,11 @@ struct Situation {
   std::string authorizedKeys;
   std::string config;
 
-  int timeoutMs = 0;  ///< for one wait
-  std::chrono::steady_clock::time_point deadline;
+  int timeoutMs = 0;                               ///< for an answer of the other device
+  std::chrono::steady_clock::time_point deadline;  ///< of all checks together
 
-  /// The time that a wait may take now: less than `timeoutMs` near the end of all checks.
-  int waitMs() const;
+  /// The time that a program of this device may take now: a few seconds, but not beyond the deadline.
+  int commandMs() const;
 
   /// The interface of the link: by the own address, else by its name on the client; null if there is none.
   const Interface* link() const;

@@ -127,14 +127,13 @@ def follow(lab, host, build, command):
         return pair(lab, build)
     target = host.peer if remark.startswith("on ") else host
     outcome = run(target, build, command)
-    assert outcome.status == 0, outcome
     if command.startswith("dorve-doctor"):
-        return mend(lab, target, build, outcome)
+        return follow(lab, target, build, first_fix(outcome))
+    assert outcome.status == 0, outcome
 
 
-def mend(lab, host, build, outcome):
-    fix = next(line for line in outcome.out.splitlines() if line.startswith("      fix  "))
-    follow(lab, host, build, fix[11:])
+def first_fix(outcome):
+    return next(line for line in outcome.out.splitlines() if line.startswith("      fix  "))[11:]
 
 
 @pytest.mark.parametrize("mistake", MISTAKES, ids=lambda mistake: mistake[0])
@@ -168,10 +167,10 @@ def test_names_the_cause_and_the_command_that_helps(sshd_lab, build, mistake):
 
 
 ADD_USER = """
-    cat /etc/passwd >/run/lab/passwd; echo 'me:x:1000:1000::/home/me:/bin/sh' >>/run/lab/passwd
+    echo 'me:x:7777:7777::/home/me:/bin/sh' | cat - /etc/passwd >/run/lab/passwd
     mount --bind /run/lab/passwd /etc/passwd; echo 'me:*:19000:0:99999:7:::' >>/etc/shadow
-    mkdir -m 700 /home/me; mkdir -m 700 /home/me/.ssh; chown -R 1000:1000 /home/me; mkdir /run/bin"""
-AS_USER = ["setpriv", "--reuid=1000", "--regid=1000", "--clear-groups", "env", "-C", "/home/me", "HOME=/home/me",
+    mkdir -m 700 /home/me; mkdir -m 700 /home/me/.ssh; chown -R 7777:7777 /home/me; mkdir /run/bin"""
+AS_USER = ["setpriv", "--reuid=7777", "--regid=7777", "--clear-groups", "env", "-C", "/home/me", "HOME=/home/me",
            "PATH=/run/bin:/usr/bin:/bin", "sh", "-c"]
 
 
@@ -213,14 +212,14 @@ def test_tells_of_a_blank_in_the_path(lab, build):
 
 # What breaks, and a line that the doctor then prints.
 HOSTILE = [
-    ("umount -l /proc", "skip  port-8888     not checked: /proc does not tell"),
+    ("mount -t tmpfs none /proc", "skip  port-8888     not checked: /proc does not tell"),
     ("head -c 1000000 /dev/zero | tr '\\0' 'A' >/root/.ssh/authorized_keys; "
      "echo base_slice_exchange >>/root/.ssh/authorized_keys",
      "FAIL  peer-key      the pairing key in authorized_keys is damaged"),
-    ("echo Bogus yes >/root/.ssh/config", "FAIL  ssh-config    ssh -G: /root/.ssh/config: terminating, 1 bad configura..."),
-    (sshd("Bogus yes"), "FAIL  sshd-config   sshd -T: /etc/ssh/sshd_config: terminating, 1 bad configurat..."),
+    ("echo Bogus yes >/root/.ssh/config", "      fix  sed -i '1s/^/#/' /root/.ssh/config"),
+    (sshd("Bogus yes"), "      fix  sed -i '1s/^/#/' /etc/ssh/sshd_config"),
     ("rm /root/.ssh/base_slice_exchange", "FAIL  key-pair      /root/.ssh/base_slice_exchange is missing"),
-    ("echo x >/root/.ssh/base_slice_exchange", "FAIL  key-pair      ssh-keygen cannot read the private key: Load key \"/r..."),
+    ("echo x >/root/.ssh/base_slice_exchange", "FAIL  key-pair      the private key is damaged"),
     ("sed -i p /root/.ssh/authorized_keys", "FAIL  peer-key      authorized_keys holds 2 pairing keys"),
     ("rm -f /root/.ssh/config; mkdir /root/.ssh/config", "FAIL  ssh-files     /root/.ssh/config is no regular file"),
     ("printf '#!/bin/sh\\nsleep 60 & sleep 60\\n' >/run/slow; chmod +x /run/slow; "
@@ -235,7 +234,7 @@ def test_survives_hostile_surroundings(sshd_lab, build, command, line):
     run(sshd_lab.server, build, command)
     outcome = sshd_lab.server.run(["timeout", "10", build / "dorve-doctor", "server"])
     assert line in outcome.out.splitlines(), outcome
-    assert (outcome.status, outcome.err) == (1, "")
+    assert (outcome.status, outcome.err) == (1 if "FAIL" in outcome.out else 0, "")
 
 
 def test_opens_nothing_for_writing(sshd_lab, build):

@@ -240,7 +240,7 @@ void checkKeygen(const Situation& situation, Report& report) {
     report.add({Verdict::OK, "ssh-keygen", "runs and knows ed25519", "", ""});
     return;
   }
-  report.add({Verdict::FAIL, "ssh-keygen", result.lastWords(),
+  report.add({Verdict::FAIL, "ssh-keygen", result.message(),
               "without it a device makes no key, and both programs still report success",
               situation.asRoot("apt-get install --reinstall --yes openssh-client")});
 }

@@ -91,19 +91,17 @@ std::string pids(const std::vector<ProcessInfo>& processes) {
 }
 
 /// The programs of ours that run on this device.
-void judgePrograms(const Situation& situation, Report& report) {
-  const std::vector<ProcessInfo> running = findProcesses(situation.program);
-  if (running.size() > 1) {
-    report.add({Verdict::FAIL, "programs",
-                situation.program + " runs " + std::to_string(running.size()) + " times",
-                "each start replaces the key of the one before; stop all, then pair again",
-                situation.asRoot("kill " + pids(running))});
-    return;
+Check judgePrograms(const Situation& situation) {
+  const auto running = findProcesses(situation.program);
+  if (!running) return {Verdict::SKIP, "programs", "not checked: /proc does not tell", "", ""};
+  if (running->empty()) return {Verdict::OK, "programs", "no " + situation.program + " runs", "", ""};
+  if (running->size() == 1) {
+    return {Verdict::OK, "programs", situation.program + " runs (process " + pids(*running) + ")", "", ""};
   }
-  report.add({Verdict::OK, "programs",
-              running.empty() ? "no " + situation.program + " runs"
-                              : situation.program + " runs (process " + pids(running) + ")",
-              "", ""});
+  return {Verdict::FAIL, "programs",
+          situation.program + " runs " + std::to_string(running->size()) + " times",
+          "each start replaces the key of the one before; stop all, then pair again",
+          situation.asRoot("kill " + pids(*running))};
 }
 
 /// Who holds port 8888 of the server.
@@ -167,7 +165,7 @@ void checkLink(const Situation& situation, Report& report) {
 }
 
 void checkPort(const Situation& situation, Report& report) {
-  judgePrograms(situation, report);
+  report.add(judgePrograms(situation));
   if (situation.role == Role::SERVER) report.add(judgeListener(situation));
 }
 

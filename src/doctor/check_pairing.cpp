@@ -72,8 +72,8 @@ Check judgeKeyPair(const Situation& situation, bool loginWorks) {
   const CommandResult derived =
       runCommand({"ssh-keygen", "-y", "-P", "", "-f", situation.privateKey}, situation.commandMs());
   if (!derived.succeeded()) {
-    return {Verdict::FAIL, kName, "ssh-keygen cannot read the private key: " + derived.lastWords(),
-            "ssh cannot use it either", situation.pairAgain()};
+    return {Verdict::FAIL, kName, "the private key is damaged", "ssh-keygen: " + derived.message(),
+            situation.pairAgain()};
   }
   if (keyPart(derived.out) != keyPart(publicLine)) {
     return {Verdict::FAIL, kName, "the private and the public key do not belong together",
@@ -155,8 +155,9 @@ Check judgeConfig(const CommandResult& result, const Situation& situation) {
             situation.asRoot("apt-get install --yes openssh-client")};
   }
   if (!result.succeeded()) {
-    return {Verdict::FAIL, kName, "ssh -G: " + result.lastWords(), "ssh does not run with this configuration",
-            "ssh -G " + situation.peerAddress};
+    const std::string repair = disableLine(result.message());
+    return {Verdict::FAIL, kName, "ssh -G: " + result.message(), "ssh does not run with this configuration",
+            repair.empty() ? "ssh -G " + situation.peerAddress : repair};
   }
   const std::string text = readFileText(situation.config).value_or("");
   if (text.find(hostLine(situation)) == std::string::npos) {
@@ -241,13 +242,13 @@ Check explainRefusal(const Situation& situation, const Settings& settings) {
 Check explainLogin(const CommandResult& result, const Situation& situation, const Settings& settings) {
   if (result.err.find("Permission denied") != std::string::npos) return explainRefusal(situation, settings);
   if (result.end == CommandResult::End::EXITED && result.status != 255) {
-    return {Verdict::FAIL, "login", "the key is accepted, but no command runs: " + result.lastWords(),
+    return {Verdict::FAIL, "login", "the key is accepted, but no command runs: " + result.message(),
             "the user's shell there ends every login", situation.doctorThere()};
   }
   const auto* const known =
       std::find_if(std::begin(kExplanations), std::end(kExplanations),
                    [&](const Explanation& e) { return result.err.find(e.words) != std::string::npos; });
-  return {Verdict::FAIL, "login", result.lastWords(), known == std::end(kExplanations) ? "" : known->cause,
+  return {Verdict::FAIL, "login", result.message(), known == std::end(kExplanations) ? "" : known->cause,
           situation.doctorThere()};
 }
 
@@ -261,7 +262,8 @@ bool isPaired(const Situation& situation) {
 
 void checkPairing(const Situation& situation, bool sshIsOpen, Report& report) {
   if (!isPaired(situation)) {
-    const bool waits = situation.role == Role::SERVER && !findProcesses(situation.program).empty();
+    const auto running = findProcesses(situation.program);
+    const bool waits = situation.role == Role::SERVER && running && !running->empty();
     report.add({Verdict::SKIP, "pairing", "this device is not paired yet", "",
                 waits ? situation.onPeer(situation.peerProgram) : situation.pairAgain()});
     return;

@@ -46,40 +46,6 @@ std::string startCommand(const Situation& situation) {
   return situation.asRoot("mkdir -p /run/sshd") + " && " + situation.asRoot(kSshd);
 }
 
-/// Whether something listens on port 22 of the link's address. Without /proc it is taken to be so.
-bool judgeListening(const Situation& situation, Report& report) {
-  const auto listeners = listListeners();
-  if (!listeners) {
-    report.add({Verdict::SKIP, "sshd", "not checked: /proc does not tell", "", ""});
-    return true;
-  }
-  std::string elsewhere;
-  for (const Listener& listener : *listeners) {
-    const bool here = covers(listener, situation.ownAddress);
-    if (listener.port == kSshPort && here) {
-      const auto owner = findOwner(listener);
-      report.add({Verdict::OK, "sshd",
-                  (owner ? owner->name : "a process of another user") + " listens on port 22", "", ""});
-      return true;
-    }
-    const auto owner = findOwner(listener);
-    if (owner && owner->name == "sshd") {
-      elsewhere = here ? "port " + std::to_string(listener.port) : "another address";
-    }
-  }
-  if (elsewhere.empty()) {
-    report.add({Verdict::FAIL, "sshd", "nothing listens on port 22 of " + situation.ownAddress,
-                "without sshd the other device cannot log in here", startCommand(situation)});
-  } else {
-    const std::string line =
-        elsewhere == "another address" ? "ListenAddress " + situation.ownAddress : "Port 22";
-    report.add({Verdict::FAIL, "sshd",
-                "sshd listens on " + elsewhere + ", not on port 22 of " + situation.ownAddress,
-                "the other device's ssh goes to port 22", configure(situation, line)});
-  }
-  return false;
-}
-
 /// Whether `user` matches a pattern of AllowUsers and its relatives: USER or USER@HOST, with * and ?.
 bool matchesUser(const std::string& pattern, const Situation& situation) {
   const std::size_t at = pattern.rfind('@');
@@ -213,32 +179,69 @@ std::optional<Check> judgeShell(const Situation& situation) {
                "a login ends there at once", situation.asRoot("chsh -s /bin/sh " + situation.user)};
 }
 
-}  // namespace
-
-void checkSshd(const Situation& situation, Report& report) {
-  judgeListening(situation, report);
-  if (situation.user.empty()) return;
+void judgeConfiguration(const Situation& situation, Report& report) {
   if (const auto check = judgeShell(situation)) report.add(*check);
   const std::string connection = "user=" + situation.user + ",host=" + situation.peerAddress +
                                  ",addr=" + situation.peerAddress + ",laddr=" + situation.ownAddress +
                                  ",lport=22";
   const CommandResult result = runCommand({kSshd, "-T", "-C", connection}, situation.commandMs());
+  constexpr const char* kName = "sshd-config";
   if (result.end == CommandResult::End::NOT_FOUND) {
-    report.add({Verdict::SKIP, "sshd-config", "not checked: there is no " + std::string(kSshd), "", ""});
+    report.add({Verdict::SKIP, kName, "not checked: there is no " + std::string(kSshd), "", ""});
   } else if (result.succeeded()) {
     const auto check = judgeSettings(Settings(result.out), situation);
-    report.add(
-        check.value_or(Check{Verdict::OK, "sshd-config", "lets " + situation.user + " in by key", "", ""}));
+    report.add(check.value_or(Check{Verdict::OK, kName, "lets " + situation.user + " in by key", "", ""}));
   } else if (!situation.isRoot()) {
-    report.add(
-        {Verdict::SKIP, "sshd-config", "not checked: only root can read the whole configuration", "", ""});
+    report.add({Verdict::SKIP, kName, "not checked: only root can read the whole configuration", "", ""});
   } else if (result.err.find("no hostkeys") != std::string::npos) {
-    report.add({Verdict::FAIL, "sshd-config", "sshd has no host keys", "it cannot start without them",
-                "ssh-keygen -A && " + startCommand(situation)});
+    report.add(
+        {Verdict::FAIL, kName, "sshd has no host keys", "it cannot start without them", "ssh-keygen -A"});
   } else {
-    report.add({Verdict::FAIL, "sshd-config", "sshd -T: " + result.lastWords(),
-                "sshd does not start, or reload, with this configuration", std::string(kSshd) + " -t"});
+    const std::string repair = disableLine(result.message());
+    report.add({Verdict::FAIL, kName, "sshd -T: " + result.message(),
+                "sshd does not start with this configuration",
+                repair.empty() ? std::string(kSshd) + " -t" : repair});
   }
+}
+
+/// Whether something listens on port 22 of the link's address.
+void judgeListening(const Situation& situation, Report& report) {
+  const auto listeners = listListeners();
+  if (!listeners) {
+    report.add({Verdict::SKIP, "sshd", "not checked: /proc does not tell", "", ""});
+    return;
+  }
+  std::string elsewhere;
+  for (const Listener& listener : *listeners) {
+    const bool here = covers(listener, situation.ownAddress);
+    if (listener.port == kSshPort && here) {
+      const auto owner = findOwner(listener);
+      report.add({Verdict::OK, "sshd",
+                  (owner ? owner->name : "a process of another user") + " listens on port 22", "", ""});
+      return;
+    }
+    const auto owner = findOwner(listener);
+    if (owner && owner->name == "sshd") {
+      elsewhere = here ? "port " + std::to_string(listener.port) : "another address";
+    }
+  }
+  if (elsewhere.empty()) {
+    report.add({Verdict::FAIL, "sshd", "nothing listens on port 22 of " + situation.ownAddress,
+                "without sshd the other device cannot log in here", startCommand(situation)});
+  } else {
+    const std::string line =
+        elsewhere == "another address" ? "ListenAddress " + situation.ownAddress : "Port 22";
+    report.add({Verdict::FAIL, "sshd",
+                "sshd listens on " + elsewhere + ", not on port 22 of " + situation.ownAddress,
+                "the other device's ssh goes to port 22", configure(situation, line)});
+  }
+}
+
+}  // namespace
+
+void checkSshd(const Situation& situation, Report& report) {
+  if (!situation.user.empty()) judgeConfiguration(situation, report);
+  judgeListening(situation, report);
 }
 
 }  // namespace dorve

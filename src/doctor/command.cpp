@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dorve/doctor/text.h"
 #include "dorve/util/sleep.h"
 
 extern char** environ;
@@ -140,16 +141,12 @@ CommandResult runCommand(const std::vector<std::string>& words, int timeoutMs, s
   return result;
 }
 
-std::string CommandResult::lastWords() const {
+std::string CommandResult::message() const {
   if (end == End::NOT_FOUND) return "not found";
   if (end == End::TIMED_OUT) return "no end in time";
-  for (const std::string* text : {&err, &out}) {
-    const std::size_t last = text->find_last_not_of(" \t\r\n");
-    if (last == std::string::npos) continue;
-    const std::size_t first = text->find_last_of("\r\n", last) + 1;  // npos + 1 is the start of the text
-    return text->substr(first, last - first + 1);
-  }
-  return "exit status " + std::to_string(status);
+  std::vector<std::string> lines = split(err + '\n' + out, "\r\n");
+  std::erase_if(lines, [](const std::string& line) { return split(line, " \t").empty(); });
+  return lines.empty() ? "exit status " + std::to_string(status) : lines.front();
 }
 
 }  // namespace dorve

@@ -17,9 +17,9 @@ struct CommandResult {
 
   bool succeeded() const { return end == End::EXITED && status == 0; }
 
-  /// The last line that is not blank on standard error, else on standard output: most tools give the reason
+  /// The first line that is not blank on standard error, else on standard output: most tools give the reason
   /// of a failure there. Says in words how the command ended if it printed nothing.
-  std::string lastWords() const;
+  std::string message() const;
 };
 
 /// Runs a program, found by PATH unless the name holds a slash, with `input` (at most 4096 bytes) on standard

@@ -167,9 +167,11 @@ std::optional<ProcessInfo> findOwner(const Listener& listener) {
   return std::nullopt;
 }
 
-std::vector<ProcessInfo> findProcesses(std::string_view name) {
+std::optional<std::vector<ProcessInfo>> findProcesses(std::string_view name) {
+  const std::vector<std::filesystem::path> folders = numbered("/proc");
+  if (folders.empty()) return std::nullopt;
   std::vector<ProcessInfo> found;
-  for (const std::filesystem::path& folder : numbered("/proc")) {
+  for (const std::filesystem::path& folder : folders) {
     ProcessInfo process = describeProcess(folder);
     if (process.name == name) found.push_back(std::move(process));
   }

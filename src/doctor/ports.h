@@ -34,8 +34,8 @@ bool covers(const Listener& listener, std::string_view address);
 /// The process that holds the listener's socket, if this user may see it.
 std::optional<ProcessInfo> findOwner(const Listener& listener);
 
-/// All processes of that name.
-std::vector<ProcessInfo> findProcesses(std::string_view name);
+/// All processes of that name; nothing if /proc does not tell.
+std::optional<std::vector<ProcessInfo>> findProcesses(std::string_view name);
 
 /// How a TCP port of another device answers.
 enum class PortState : std::uint8_t {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "dorve/doctor/settings.h"
 
+#include <regex>
+
 #include "dorve/doctor/text.h"
 
 namespace dorve {
@@ -33,6 +35,13 @@ std::vector<std::string> Settings::words(std::string_view name) const {
     for (std::string& word : split(value, " \t")) result.push_back(std::move(word));
   }
   return result;
+}
+
+std::string disableLine(const std::string& message) {
+  const std::regex place("^(.+?):? line (\\d+):");
+  std::smatch match;
+  if (!std::regex_search(message, match, place)) return "";
+  return "sed -i '" + match[2].str() + "s/^/#/' " + shellWord(match[1].str());
 }
 
 }  // namespace dorve

@@ -28,6 +28,10 @@ class Settings {
   std::vector<std::pair<std::string, std::string>> entries;
 };
 
+/// The command that turns the line of a configuration file that `message` complains about into a comment;
+/// empty if the message names no line. ssh and sshd write "FILE: line N: ..." or "FILE line N: ...".
+std::string disableLine(const std::string& message);
+
 }  // namespace dorve
 
 #endif  // DORVE_DOCTOR_SETTINGS_H_

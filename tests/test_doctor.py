@@ -49,9 +49,6 @@ MISTAKES = [
     ("port 8888 taken", BEFORE, "server",
      "setsid /usr/bin/python3 -c 'import socket, time; s = socket.create_server((\"\", 8888)); time.sleep(99)' "
      "</dev/null >/dev/null 2>&1 & sleep 0.3", "port-8888     held by python3 (process N)"),
-    ("dorve-server started twice", AFTER, "server",
-     "cd /root/.ssh; rm base_slice_exchange*; ssh-keygen -q -t ed25519 -N '' -C base_slice_exchange "
-     "-f base_slice_exchange; touch authorized_keys", "login         172.20.10.2 refuses the key for root"),
     ("two dorve-server at once", BEFORE, "server",
      "setsid dorve-server >/dev/null 2>&1 & setsid dorve-server >/dev/null 2>&1 & sleep 0.3",
      "programs      dorve-server runs 2 times"),
@@ -164,6 +161,23 @@ def test_names_the_cause_and_the_command_that_helps(sshd_lab, build, mistake):
         prove_login(each)
         outcome = doctor(each, build)
         assert bad_lines(outcome) == [] and outcome.status == 0, outcome
+
+
+def test_tells_that_a_second_server_has_replaced_the_key(sshd_lab, build):
+    key = sshd_lab.server.ssh / "base_slice_exchange.pub"
+    first = sshd_lab.server.start([build / "dorve-server"])
+    assert eventually(sshd_lab.server.listens)
+    first_key = key.read_text()
+    second = sshd_lab.server.start([build / "dorve-server"])
+    assert eventually(lambda: key.exists() and key.read_text() not in ("", first_key))
+    assert (sshd_lab.client.run([build / "dorve-client"]).status, first.wait().status) == (0, 0)
+    assert eventually(sshd_lab.server.listens)
+
+    outcome = doctor(sshd_lab.server, build)
+    assert bad_lines(outcome) == ["FAIL  login         172.20.10.2 refuses the key for root"]
+    assert first_fix(outcome) == "dorve-client  # on 172.20.10.2"
+    assert (run(sshd_lab.client, build, "dorve-client").status, second.wait().status) == (0, 0)
+    prove_login(sshd_lab.server)
 
 
 ADD_USER = """

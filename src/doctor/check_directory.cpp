@@ -93,12 +93,12 @@ std::optional<Check> judgeModes(const std::string& name, const std::string& path
   const auto offender = findUnsafe(path, situation);
   if (!offender) return std::nullopt;
   const auto& [place, status] = *offender;
-  const std::string mode = octal(status.st_mode);
   if ((status.st_mode & kOthersMayWrite) != 0) {
-    return Check{
-        Verdict::FAIL, name, place + " may be written by others (mode " + mode + ")",
-        "sshd ignores keys that others could have written",
-        (status.st_uid == situation.userId ? "" : situation.asRoot("")) + "chmod go-w " + shellWord(place)};
+    const std::string command = "chmod go-w " + shellWord(place);
+    return Check{Verdict::FAIL, name,
+                 place + " may be written by others (mode " + octal(status.st_mode) + ")",
+                 "sshd ignores keys that others could have written",
+                 status.st_uid == situation.userId ? command : situation.asRoot(command)};
   }
   return Check{Verdict::FAIL, name,
                place + " belongs to " + userName(status.st_uid) + ", not to " + situation.user,
@@ -143,7 +143,7 @@ Check judgePath(const Situation& situation) {
             "ssh and sshd use " + own + " for " + situation.user,
             isDirectory(own) ? "export HOME=" + shellWord(situation.home) : "mkdir -m 700 " + shellWord(own)};
   }
-  return {Verdict::OK, "ssh-dir", path + (skipped.empty() ? "" : ", not " + skipped), "", ""};
+  return {Verdict::OK, "ssh-dir", path + (skipped.empty() ? "" : ", not " + skipped)};
 }
 
 Check judgeOwner(const Situation& situation) {
@@ -157,15 +157,14 @@ Check judgeOwner(const Situation& situation) {
             "the programs run as " + situation.user + " and cannot write there",
             situation.asRoot("chown -R " + situation.user + ": " + shellWord(situation.sshDir))};
   }
-  return {Verdict::OK, "ssh-dir-modes", "of " + userName(status.st_uid) + ", mode " + octal(status.st_mode),
-          "", ""};
+  return {Verdict::OK, "ssh-dir-modes", "of " + userName(status.st_uid) + ", mode " + octal(status.st_mode)};
 }
 
 Check judgeSpace(const Situation& situation) {
   const std::string& path = situation.sshDir;
   struct statvfs space = {};
   if (statvfs(path.c_str(), &space) != 0) {
-    return {Verdict::SKIP, "ssh-dir-space", std::strerror(errno), "", ""};
+    return {Verdict::SKIP, "ssh-dir-space", std::strerror(errno)};
   }
   if ((space.f_flag & ST_RDONLY) != 0) {
     return {Verdict::FAIL, "ssh-dir-space", "the file system of " + path + " is read-only",
@@ -182,7 +181,7 @@ Check judgeSpace(const Situation& situation) {
         "the programs can store no key, and do not say so; delete what these find",
         situation.asRoot("du -xah \"$(findmnt -n -o TARGET -T " + shellWord(path) + ")\" | sort -h | tail")};
   }
-  return {Verdict::OK, "ssh-dir-space", std::to_string(bytes / 1024) + " KiB free", "", ""};
+  return {Verdict::OK, "ssh-dir-space", std::to_string(bytes / 1024) + " KiB free"};
 }
 
 /// A file that the programs edit: they must be able to read and write it, and sshd and ssh must accept it.
@@ -227,8 +226,7 @@ void checkDirectory(const Situation& situation, Report& report) {
     if (check) report.add(*check);
     sound &= !check;
   }
-  if (sound)
-    report.add({Verdict::OK, "ssh-files", "authorized_keys, config and keys can be written", "", ""});
+  if (sound) report.add({Verdict::OK, "ssh-files", "authorized_keys, config and keys can be written"});
 }
 
 void checkKeygen(const Situation& situation, Report& report) {
@@ -237,7 +235,7 @@ void checkKeygen(const Situation& situation, Report& report) {
       "ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA sample\n";
   const CommandResult result = runCommand({"ssh-keygen", "-l", "-f", "-"}, situation.commandMs(), kSample);
   if (result.succeeded()) {
-    report.add({Verdict::OK, "ssh-keygen", "runs and knows ed25519", "", ""});
+    report.add({Verdict::OK, "ssh-keygen", "runs and knows ed25519"});
     return;
   }
   report.add({Verdict::FAIL, "ssh-keygen", result.message(),

@@ -12,13 +12,11 @@ namespace {
 
 constexpr const char* kPrefix = "/30";
 constexpr int kPrefixBits = 30;
-constexpr std::uint16_t kSshPort = 22;
-const std::string kLinkName = kLinkInterface;
 
 std::string renameCommand(const Situation& situation, const std::string& from) {
   const std::string device = "ip link set dev " + from;
-  return situation.asRoot(device + " down") + " && " + situation.asRoot(device + " name " + kLinkName) +
-         " && " + situation.asRoot("ip link set dev " + kLinkName + " up");
+  return situation.asRoot(device + " down") + " && " + situation.asRoot(device + " name " + kLinkInterface) +
+         " && " + situation.asRoot(std::string("ip link set dev ") + kLinkInterface + " up");
 }
 
 /// The check of the interface. An interface without the address is the business of the next check.
@@ -33,8 +31,9 @@ Check judgeInterface(const Situation& situation) {
   }
   if (link == nullptr) {
     return {Verdict::FAIL, "interface",
-            "none is called " + kLinkName + "; there is " + describe(situation.interfaces),
-            "dorve-client connects over " + kLinkName + " only", renameCommand(situation, guess->name)};
+            std::string("none is called ") + kLinkInterface + "; there is " + describe(situation.interfaces),
+            std::string("dorve-client connects over ") + kLinkInterface + " only",
+            renameCommand(situation, guess->name)};
   }
   const std::string found = link->name + " is " + link->state();
   if (!link->up) {
@@ -43,10 +42,9 @@ Check judgeInterface(const Situation& situation) {
   }
   if (!link->carrier) {
     return {Verdict::FAIL, "interface", found, "the cable is out, or the other end of the link is down",
-            situation.onPeer("dorve-doctor " +
-                             std::string(situation.role == Role::CLIENT ? "server" : "client"))};
+            situation.doctorThere()};
   }
-  return {Verdict::OK, "interface", found, "", ""};
+  return {Verdict::OK, "interface", found};
 }
 
 Check judgeAddress(const Situation& situation) {
@@ -54,7 +52,7 @@ Check judgeAddress(const Situation& situation) {
   const Interface* holder = findByAddress(situation.interfaces, address);
   const Interface* link = situation.link();
   if (link == nullptr) link = holder != nullptr ? holder : guessLink(situation.interfaces);
-  const std::string target = link == nullptr ? kLinkName : link->name;
+  const std::string target = link == nullptr ? kLinkInterface : link->name;
   const std::string add = situation.asRoot("ip address add " + address + kPrefix + " dev " + target);
   if (holder == nullptr) {
     return {Verdict::FAIL, "address", address + " is on no interface",
@@ -80,7 +78,7 @@ Check judgeAddress(const Situation& situation) {
             situation.asRoot("ip route replace " + situation.peerAddress + "/32 dev " + target + " src " +
                              address)};
   }
-  return {Verdict::OK, "address", held + " on " + holder->name, "", ""};
+  return {Verdict::OK, "address", held + " on " + holder->name};
 }
 
 std::string pids(const std::vector<ProcessInfo>& processes) {
@@ -93,10 +91,10 @@ std::string pids(const std::vector<ProcessInfo>& processes) {
 /// The programs of ours that run on this device.
 Check judgePrograms(const Situation& situation) {
   const auto running = findProcesses(situation.program);
-  if (!running) return {Verdict::SKIP, "programs", "not checked: /proc does not tell", "", ""};
-  if (running->empty()) return {Verdict::OK, "programs", "no " + situation.program + " runs", "", ""};
+  if (!running) return {Verdict::SKIP, "programs", "not checked: /proc does not tell"};
+  if (running->empty()) return {Verdict::OK, "programs", "no " + situation.program + " runs"};
   if (running->size() == 1) {
-    return {Verdict::OK, "programs", situation.program + " runs (process " + pids(*running) + ")", "", ""};
+    return {Verdict::OK, "programs", situation.program + " runs (process " + pids(*running) + ")"};
   }
   return {Verdict::FAIL, "programs",
           situation.program + " runs " + std::to_string(running->size()) + " times",
@@ -107,19 +105,18 @@ Check judgePrograms(const Situation& situation) {
 /// Who holds port 8888 of the server.
 Check judgeListener(const Situation& situation) {
   const auto listeners = listListeners();
-  if (!listeners) return {Verdict::SKIP, "port-8888", "not checked: /proc does not tell", "", ""};
+  if (!listeners) return {Verdict::SKIP, "port-8888", "not checked: /proc does not tell"};
   const auto holder = std::find_if(listeners->begin(), listeners->end(), [&](const Listener& listener) {
     return listener.port == kPort && covers(listener, situation.ownAddress);
   });
-  if (holder == listeners->end()) return {Verdict::OK, "port-8888", "free", "", ""};
+  if (holder == listeners->end()) return {Verdict::OK, "port-8888", "free"};
   const auto owner = findOwner(*holder);
   if (!owner) {
     return {Verdict::FAIL, "port-8888", "held by a process of another user",
             "dorve-server cannot listen on it", "sudo ss -ltnp sport = :8888"};
   }
   const std::string who = owner->name + " (process " + std::to_string(owner->pid) + ")";
-  if (owner->name == situation.program)
-    return {Verdict::OK, "port-8888", who + " waits for a client", "", ""};
+  if (owner->name == situation.program) return {Verdict::OK, "port-8888", who + " waits for a client"};
   return {Verdict::FAIL, "port-8888", "held by " + who, "dorve-server cannot listen on it",
           situation.asRoot("kill " + std::to_string(owner->pid))};
 }
@@ -136,7 +133,7 @@ std::string openFirewall(const std::string& from) {
 Check judgePeerPort(const Situation& situation, std::uint16_t port, PortState state, Verdict blocked) {
   const std::string name = "peer-" + std::to_string(port);
   const std::string place = "port " + std::to_string(port) + " of " + situation.peerAddress;
-  if (state == PortState::OPEN) return {Verdict::OK, name, place + " is open", "", ""};
+  if (state == PortState::OPEN) return {Verdict::OK, name, place + " is open"};
   return {blocked, name, place + (state == PortState::REJECTED ? " is rejected" : " does not answer"),
           "the device is there, but a firewall does not let this one through",
           situation.onPeer(openFirewall(situation.ownAddress))};
@@ -149,7 +146,7 @@ Check judgePeerServer(const Situation& situation, PortState state) {
     return judgePeerPort(situation, kPort, state, paired ? Verdict::WARN : Verdict::FAIL);
   }
   if (paired) {
-    return {Verdict::OK, "peer-8888", "no dorve-server waits there; none is needed after a pairing", "", ""};
+    return {Verdict::OK, "peer-8888", "no dorve-server waits there; none is needed after a pairing"};
   }
   return {Verdict::SKIP, "peer-8888", "no dorve-server waits on " + situation.peerAddress,
           "it waits for 60 seconds only; start it, then dorve-client here", situation.onPeer("dorve-server")};
@@ -159,7 +156,7 @@ Check judgePeerServer(const Situation& situation, PortState state) {
 
 void checkLink(const Situation& situation, Report& report) {
   report.add({Verdict::OK, "role",
-              (situation.role == Role::CLIENT ? "client: " : "server: ") + situation.roleReason, "", ""});
+              (situation.role == Role::CLIENT ? "client: " : "server: ") + situation.roleReason});
   report.add(judgeInterface(situation));
   report.add(judgeAddress(situation));
 }
@@ -186,7 +183,7 @@ bool checkPeer(const Situation& situation, Report& report) {
                 situation.doctorThere()});
     return false;
   }
-  report.add({Verdict::OK, "peer", situation.peerAddress + " answers on the link", "", ""});
+  report.add({Verdict::OK, "peer", situation.peerAddress + " answers on the link"});
   if (client) report.add(judgePeerServer(situation, states.back()));
   if (ssh == PortState::REFUSED) {
     report.add({Verdict::FAIL, "peer-22", "port 22 of " + situation.peerAddress + " refuses connections",

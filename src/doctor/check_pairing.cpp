@@ -9,7 +9,6 @@
 
 #include "dorve/doctor/checks.h"
 #include "dorve/doctor/command.h"
-#include "dorve/doctor/ports.h"
 #include "dorve/doctor/settings.h"
 #include "dorve/doctor/text.h"
 #include "dorve/keys/file_text.h"
@@ -84,7 +83,7 @@ Check judgeKeyPair(const Situation& situation, bool loginWorks) {
             "a " + situation.program + " started since has replaced the key that the other device knows",
             situation.pairAgain()};
   }
-  return {Verdict::OK, kName, fingerprint(publicLine, situation), "", ""};
+  return {Verdict::OK, kName, fingerprint(publicLine, situation)};
 }
 
 Check judgePeerKey(const Situation& situation) {
@@ -103,7 +102,7 @@ Check judgePeerKey(const Situation& situation) {
     return {Verdict::FAIL, kName, "the pairing key in authorized_keys is damaged", "sshd ignores such a line",
             situation.pairAgain()};
   }
-  return {Verdict::OK, kName, print, "", ""};
+  return {Verdict::OK, kName, print};
 }
 
 /// A setting of ssh that the block of a pairing makes, or relies on.
@@ -166,8 +165,7 @@ Check judgeConfig(const CommandResult& result, const Situation& situation) {
   }
   const Settings settings(result.out);
   const std::vector<Setting> wrong = findOverridden(settings, situation);
-  if (wrong.empty())
-    return {Verdict::OK, kName, "ssh uses the pairing's key for " + situation.peerAddress, "", ""};
+  if (wrong.empty()) return {Verdict::OK, kName, "ssh uses the pairing's key for " + situation.peerAddress};
   const std::string name = wrong.front().name;
   return {Verdict::FAIL, kName,
           "for " + situation.peerAddress + " ssh uses " + name + " " + settings.first(toLower(name)),
@@ -262,10 +260,7 @@ bool isPaired(const Situation& situation) {
 
 void checkPairing(const Situation& situation, bool sshIsOpen, Report& report) {
   if (!isPaired(situation)) {
-    const auto running = findProcesses(situation.program);
-    const bool waits = situation.role == Role::SERVER && running && !running->empty();
-    report.add({Verdict::SKIP, "pairing", "this device is not paired yet", "",
-                waits ? situation.onPeer(situation.peerProgram) : situation.pairAgain()});
+    report.add({Verdict::SKIP, "pairing", "this device is not paired yet", "", situation.pairAgain()});
     return;
   }
   const CommandResult config = runCommand({"ssh", "-G", situation.peerAddress}, situation.commandMs());
@@ -277,10 +272,10 @@ void checkPairing(const Situation& situation, bool sshIsOpen, Report& report) {
   report.add(judgePeerKey(situation));
   report.add(judgeConfig(config, situation));
   if (login.succeeded()) {
-    report.add({Verdict::OK, "login",
-                "ssh " + situation.peerAddress + " logs in as " + settings.first("user"), "", ""});
+    report.add(
+        {Verdict::OK, "login", "ssh " + situation.peerAddress + " logs in as " + settings.first("user")});
   } else if (!sshIsOpen || !config.succeeded()) {
-    report.add({Verdict::SKIP, "login", "not tried, for the reasons above", "", ""});
+    report.add({Verdict::SKIP, "login", "not tried, for the reasons above"});
   } else {
     report.add(explainLogin(login, situation, settings));
   }

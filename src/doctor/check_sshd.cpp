@@ -21,7 +21,6 @@ namespace {
 
 constexpr const char* kSshd = "/usr/sbin/sshd";
 constexpr const char* kSshdConfig = "/etc/ssh/sshd_config";
-constexpr std::uint16_t kSshPort = 22;
 
 bool hasSystemd() {
   return std::filesystem::exists("/run/systemd/system");
@@ -187,12 +186,12 @@ void judgeConfiguration(const Situation& situation, Report& report) {
   const CommandResult result = runCommand({kSshd, "-T", "-C", connection}, situation.commandMs());
   constexpr const char* kName = "sshd-config";
   if (result.end == CommandResult::End::NOT_FOUND) {
-    report.add({Verdict::SKIP, kName, "not checked: there is no " + std::string(kSshd), "", ""});
+    report.add({Verdict::SKIP, kName, "not checked: there is no " + std::string(kSshd)});
   } else if (result.succeeded()) {
     const auto check = judgeSettings(Settings(result.out), situation);
-    report.add(check.value_or(Check{Verdict::OK, kName, "lets " + situation.user + " in by key", "", ""}));
+    report.add(check.value_or(Check{Verdict::OK, kName, "lets " + situation.user + " in by key"}));
   } else if (!situation.isRoot()) {
-    report.add({Verdict::SKIP, kName, "not checked: only root can read the whole configuration", "", ""});
+    report.add({Verdict::SKIP, kName, "not checked: only root can read the whole configuration"});
   } else if (result.err.find("no hostkeys") != std::string::npos) {
     report.add(
         {Verdict::FAIL, kName, "sshd has no host keys", "it cannot start without them", "ssh-keygen -A"});
@@ -208,7 +207,7 @@ void judgeConfiguration(const Situation& situation, Report& report) {
 void judgeListening(const Situation& situation, Report& report) {
   const auto listeners = listListeners();
   if (!listeners) {
-    report.add({Verdict::SKIP, "sshd", "not checked: /proc does not tell", "", ""});
+    report.add({Verdict::SKIP, "sshd", "not checked: /proc does not tell"});
     return;
   }
   std::string elsewhere;
@@ -216,8 +215,8 @@ void judgeListening(const Situation& situation, Report& report) {
     const bool here = covers(listener, situation.ownAddress);
     if (listener.port == kSshPort && here) {
       const auto owner = findOwner(listener);
-      report.add({Verdict::OK, "sshd",
-                  (owner ? owner->name : "a process of another user") + " listens on port 22", "", ""});
+      report.add(
+          {Verdict::OK, "sshd", (owner ? owner->name : "a process of another user") + " listens on port 22"});
       return;
     }
     const auto owner = findOwner(listener);

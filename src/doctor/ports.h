@@ -12,6 +12,8 @@
 
 namespace dorve {
 
+constexpr std::uint16_t kSshPort = 22;
+
 /// A process of this host. The name is the kernel's: at most 15 characters.
 struct ProcessInfo {
   pid_t pid = -1;

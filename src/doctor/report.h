@@ -18,10 +18,10 @@ enum class Verdict : std::uint8_t {
 /// What one check found.
 struct Check {
   Verdict verdict;
-  std::string name;     ///< stable, for scripts: lower case with hyphens
-  std::string found;    ///< one short line
-  std::string cause;    ///< why that is a problem, in plain words; may be empty
-  std::string command;  ///< what to type against it, ready to paste; may be empty
+  std::string name;       ///< stable, for scripts: lower case with hyphens
+  std::string found;      ///< one short line
+  std::string cause{};    ///< why that is a problem, in plain words; may be empty
+  std::string command{};  ///< what to type against it, ready to paste; may be empty
 };
 
 /// Prints checks on standard output, each as soon as it is added.

@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "dorve/client/ssh_directory.h"
+#include "dorve/doctor/ports.h"
 #include "dorve/keys/file_text.h"
 #include "dorve/keys/key_material.h"
 #include "dorve/protocol/endpoints.h"
@@ -93,8 +94,9 @@ std::string Situation::doctorThere() const {
 }
 
 std::string Situation::pairAgain() const {
-  return role == Role::SERVER ? "dorve-server  # then dorve-client on " + peerAddress
-                              : "dorve-client  # first start dorve-server on " + peerAddress;
+  if (role == Role::CLIENT) return "dorve-client  # first start dorve-server on " + peerAddress;
+  // Another server would wait for the port that this one holds, and replace its key.
+  return programRuns ? onPeer("dorve-client") : "dorve-server  # then dorve-client on " + peerAddress;
 }
 
 Situation examineSituation(std::optional<Role> role, int timeoutMs) {
@@ -110,6 +112,8 @@ Situation examineSituation(std::optional<Role> role, int timeoutMs) {
   } else {
     guessRole(situation);
   }
+  const auto running = findProcesses(situation.program);
+  situation.programRuns = running && !running->empty();
   return situation;
 }
 

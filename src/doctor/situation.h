@@ -27,6 +27,8 @@ struct Situation {
   std::string peerAddress;
   std::vector<Interface> interfaces;
 
+  bool programRuns = false;  ///< this side's program is under way
+
   uid_t userId = 0;
   std::string user;   ///< empty if the password database does not know the user
   std::string home;   ///< of the password database, which ssh and sshd go by

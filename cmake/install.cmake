@@ -6,10 +6,10 @@ include(CMakePackageConfigHelpers)
 set(unit_dir lib/systemd/system) # where systemd looks, whatever the libraries' folder is
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/dorve)
 
-install(TARGETS dorve-client dorve-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS dorve-client dorve-doctor dorve-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES wireshark/dorve.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/dorve)
 
-foreach(page dorve-client.1 dorve-server.1 dorve.7)
+foreach(page dorve-client.1 dorve-doctor.1 dorve-server.1 dorve.7)
   configure_file(man/${page} ${PROJECT_BINARY_DIR}/man/${page} @ONLY)
   string(REGEX REPLACE ".*[.]" "" section ${page})
   install(FILES ${PROJECT_BINARY_DIR}/man/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
@@ -24,11 +24,13 @@ install(FILES systemd/80-dorve.preset DESTINATION lib/systemd/system-preset)
 install(DIRECTORY docs/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # The library, for find_package(dorve CONFIG) and for pkg-config. Headers are included as <dorve/LAYER/header.h>.
+# The runner and the doctor are not part of the library.
 install(TARGETS dorve EXPORT dorve
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(DIRECTORY src/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/dorve FILES_MATCHING PATTERN "*.h"
-  PATTERN runner EXCLUDE)
+  PATTERN runner EXCLUDE
+  PATTERN doctor EXCLUDE)
 install(EXPORT dorve NAMESPACE dorve:: FILE dorve-targets.cmake DESTINATION ${package_dir})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/dorve-config-version.cmake COMPATIBILITY SameMajorVersion)
 install(FILES cmake/dorve-config.cmake ${PROJECT_BINARY_DIR}/dorve-config-version.cmake

@@ -2,6 +2,7 @@
 // The SSH directory and its files. sshd(8) ignores authorized_keys if it, or a directory on the way to it, is
 // owned or may be written by others (StrictModes), and the programs do not report what they cannot write.
 #include <fcntl.h>
+#include <grp.h>
 #include <linux/fs.h>
 #include <pwd.h>
 #include <sys/ioctl.h>
@@ -26,7 +27,6 @@
 namespace dorve {
 namespace {
 
-constexpr mode_t kOthersMayWrite = 022;
 constexpr std::uint64_t kBytesNeeded = 64 * 1024;  // a pairing writes less than half of that
 
 std::string octal(mode_t mode) {
@@ -70,6 +70,17 @@ Check missingDirectory(const Situation& situation) {
           situation.program + " does not make this directory", command};
 }
 
+/// Whether the owner is the only member of the file's group. Debian's sshd then lets the group write.
+bool isPrivateGroup(const struct stat& status) {
+  const passwd* owner = getpwuid(status.st_uid);
+  const group* entry = getgrgid(status.st_gid);
+  if (owner == nullptr || entry == nullptr || owner->pw_gid != status.st_gid) return false;
+  for (char** member = entry->gr_mem; *member != nullptr; ++member) {
+    if (std::strcmp(*member, owner->pw_name) != 0) return false;
+  }
+  return true;
+}
+
 /// The first of `path` and the directories above it that sshd objects to; the home directory is the last that
 /// counts.
 std::optional<std::pair<std::string, struct stat>> findUnsafe(std::string path, const Situation& situation) {
@@ -80,20 +91,24 @@ std::optional<std::pair<std::string, struct stat>> findUnsafe(std::string path, 
     struct stat status = {};
     if (stat(path.c_str(), &status) != 0) return std::nullopt;
     const bool foreign = status.st_uid != 0 && status.st_uid != situation.userId;
-    if (foreign || (status.st_mode & kOthersMayWrite) != 0) return std::pair(path, status);
+    const bool groupWrites = (status.st_mode & S_IWGRP) != 0 && !isPrivateGroup(status);
+    if (foreign || groupWrites || (status.st_mode & S_IWOTH) != 0) return std::pair(path, status);
     if (path == home || path == "/") return std::nullopt;
     path = std::filesystem::path(path).parent_path();
   }
   return std::nullopt;
 }
 
-/// What is wrong with the owner and the modes of the directory, or of a file in it.
+/// What is wrong with the owner and the modes of the directory, or of a file in it. What is wrong above the
+/// directory is the directory's business.
 std::optional<Check> judgeModes(const std::string& name, const std::string& path,
                                 const Situation& situation) {
   const auto offender = findUnsafe(path, situation);
   if (!offender) return std::nullopt;
   const auto& [place, status] = *offender;
-  if ((status.st_mode & kOthersMayWrite) != 0) {
+  std::error_code error;
+  if (path != situation.sshDir && !std::filesystem::equivalent(place, path, error)) return std::nullopt;
+  if (status.st_uid == 0 || status.st_uid == situation.userId) {
     const std::string command = "chmod go-w " + shellWord(place);
     return Check{Verdict::FAIL, name,
                  place + " may be written by others (mode " + octal(status.st_mode) + ")",
@@ -116,11 +131,12 @@ bool hasFlag(const std::string& path, unsigned int flag) {
 
 std::optional<Check> judgeFlags(const std::string& name, const std::string& path,
                                 const Situation& situation) {
-  constexpr std::array kFlags = {std::pair{FS_IMMUTABLE_FL, "i"}, std::pair{FS_APPEND_FL, "a"}};
+  using Flag = std::pair<unsigned int, const char*>;
+  constexpr std::array kFlags = {Flag{FS_IMMUTABLE_FL, "i"}, Flag{FS_APPEND_FL, "a"}};
   for (const auto& [flag, letter] : kFlags) {
     if (!hasFlag(path, flag)) continue;
     return Check{Verdict::FAIL, name, path + " cannot be changed (chattr +" + letter + ")",
-                 "the programs cannot store a key in it, and do not say so",
+                 "the programs cannot store a key there",
                  situation.asRoot(std::string("chattr -") + letter + " " + shellWord(path))};
   }
   return std::nullopt;
@@ -132,7 +148,7 @@ Check judgePath(const Situation& situation) {
   const std::string skipped = passedOver(path);
   if (!isPlainWord(path)) {
     return {Verdict::FAIL, "ssh-dir", path + " holds a blank or a special character",
-            "the programs hand the path to a shell, which then makes no key",
+            "the programs hand the path to a shell, which makes no key then",
             isPlainWord(own) ? "export HOME=" + situation.home
                              : situation.asRoot("usermod --home /home/" + situation.user + " --move-home " +
                                                 situation.user)};
@@ -168,7 +184,7 @@ Check judgeSpace(const Situation& situation) {
   }
   if ((space.f_flag & ST_RDONLY) != 0) {
     return {Verdict::FAIL, "ssh-dir-space", "the file system of " + path + " is read-only",
-            "the programs can store no key, and do not say so",
+            "the programs cannot store a key there",
             situation.asRoot("mount -o remount,rw \"$(findmnt -n -o TARGET -T " + shellWord(path) + ")\"")};
   }
   const std::uint64_t blocks = situation.isRoot() ? space.f_bfree : space.f_bavail;
@@ -178,7 +194,7 @@ Check judgeSpace(const Situation& situation) {
     return {
         Verdict::FAIL, "ssh-dir-space",
         "the file system of " + path + (noFiles ? " can hold no more files" : " is full"),
-        "the programs can store no key, and do not say so; delete what these find",
+        "the programs cannot store a key; delete what this command finds",
         situation.asRoot("du -xah \"$(findmnt -n -o TARGET -T " + shellWord(path) + ")\" | sort -h | tail")};
   }
   return {Verdict::OK, "ssh-dir-space", std::to_string(bytes / 1024) + " KiB free"};
@@ -197,7 +213,7 @@ std::optional<Check> judgeFile(const std::string& path, const Situation& situati
   if (faccessat(AT_FDCWD, path.c_str(), R_OK | W_OK, AT_EACCESS) != 0) {
     const bool own = status.st_uid == situation.userId;
     return Check{Verdict::FAIL, "ssh-files", path + ": " + std::strerror(errno),
-                 "the programs must read and write it, and do not say if they cannot",
+                 "the programs must read and write this file",
                  own ? "chmod u+rw " + shellWord(path)
                      : situation.asRoot("chown " + situation.user + ": " + shellWord(path))};
   }
@@ -239,7 +255,7 @@ void checkKeygen(const Situation& situation, Report& report) {
     return;
   }
   report.add({Verdict::FAIL, "ssh-keygen", result.message(),
-              "without it a device makes no key, and both programs still report success",
+              "a device makes no key without it, and the programs do not say so",
               situation.asRoot("apt-get install --reinstall --yes openssh-client")});
 }
 

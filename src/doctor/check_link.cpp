@@ -98,7 +98,7 @@ Check judgePrograms(const Situation& situation) {
   }
   return {Verdict::FAIL, "programs",
           situation.program + " runs " + std::to_string(running->size()) + " times",
-          "each start replaces the key of the one before; stop all, then pair again",
+          "each start replaces the key of the one before: stop all of them",
           situation.asRoot("kill " + pids(*running))};
 }
 

@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::size_t kMaxKeyLine = 4095;  // the protocol carries no longer key
 constexpr uid_t kFirstUserId = 1000;       // of ordinary users, on Debian
-constexpr std::size_t kMaxGuesses = 4;     // user names to try on the other device
+constexpr uid_t kNobody = 65534;
 
 std::vector<std::string> pairingLines(const Situation& situation) {
   std::vector<std::string> lines = split(readFileText(situation.authorizedKeys).value_or(""), "\n");
@@ -71,7 +71,7 @@ Check judgeKeyPair(const Situation& situation, bool loginWorks) {
   const CommandResult derived =
       runCommand({"ssh-keygen", "-y", "-P", "", "-f", situation.privateKey}, situation.commandMs());
   if (!derived.succeeded()) {
-    return {Verdict::FAIL, kName, "the private key is damaged", "ssh-keygen: " + derived.message(),
+    return {Verdict::FAIL, kName, "the private key is damaged", "neither ssh-keygen nor ssh can read it",
             situation.pairAgain()};
   }
   if (keyPart(derived.out) != keyPart(publicLine)) {
@@ -80,8 +80,7 @@ Check judgeKeyPair(const Situation& situation, bool loginWorks) {
   }
   if (!loginWorks && isNewer(situation.privateKey, situation.authorizedKeys)) {
     return {Verdict::FAIL, kName, "the key is newer than the pairing",
-            "a " + situation.program + " started since has replaced the key that the other device knows",
-            situation.pairAgain()};
+            situation.program + " ran again: the other device knows the old key only", situation.pairAgain()};
   }
   return {Verdict::OK, kName, fingerprint(publicLine, situation)};
 }
@@ -155,7 +154,7 @@ Check judgeConfig(const CommandResult& result, const Situation& situation) {
   }
   if (!result.succeeded()) {
     const std::string repair = disableLine(result.message());
-    return {Verdict::FAIL, kName, "ssh -G: " + result.message(), "ssh does not run with this configuration",
+    return {Verdict::FAIL, kName, result.message(), "ssh does not run with this configuration",
             repair.empty() ? "ssh -G " + situation.peerAddress : repair};
   }
   const std::string text = readFileText(situation.config).value_or("");
@@ -195,17 +194,18 @@ CommandResult tryLogin(const Situation& situation, const Settings& settings, con
   return runCommand(words, situation.commandMs());
 }
 
-/// Names that the user who paired on the other device may have: root, and the ordinary users of this device.
-std::vector<std::string> likelyUsers(const Situation& situation) {
-  std::vector<std::string> names = {"root"};
+/// The name that the user who paired on the other device most likely has, if not this user's: root, or the
+/// first ordinary user of this device. One guess only, because sshd locks an address out after several
+/// failures.
+std::string likelyUser(const Situation& situation) {
+  if (!situation.isRoot()) return "root";
+  std::string name;
   setpwent();
   while (const passwd* entry = getpwent()) {
-    if (entry->pw_uid >= kFirstUserId && entry->pw_uid < 65534) names.emplace_back(entry->pw_name);
+    if (name.empty() && entry->pw_uid >= kFirstUserId && entry->pw_uid < kNobody) name = entry->pw_name;
   }
   endpwent();
-  std::erase(names, situation.user);
-  names.resize(std::min(names.size(), kMaxGuesses));
-  return names;
+  return name;
 }
 
 struct Explanation {
@@ -224,8 +224,8 @@ constexpr Explanation kExplanations[] = {
 };
 
 Check explainRefusal(const Situation& situation, const Settings& settings) {
-  for (const std::string& user : likelyUsers(situation)) {
-    if (!tryLogin(situation, settings, user).succeeded()) continue;
+  const std::string user = likelyUser(situation);
+  if (!user.empty() && tryLogin(situation, settings, user).succeeded()) {
     return {Verdict::FAIL, "login",
             situation.peerAddress + " lets " + user + " in, not " + settings.first("user"),
             "the pairing there ran as " + user,
@@ -233,8 +233,7 @@ Check explainRefusal(const Situation& situation, const Settings& settings) {
                 shellWord(situation.config)};
   }
   return {Verdict::FAIL, "login", situation.peerAddress + " refuses the key for " + settings.first("user"),
-          "it holds another key: pair again; if that does not help, run dorve-doctor there",
-          situation.pairAgain()};
+          "it holds another key; if pairing does not help, run dorve-doctor there", situation.pairAgain()};
 }
 
 Check explainLogin(const CommandResult& result, const Situation& situation, const Settings& settings) {
@@ -242,6 +241,10 @@ Check explainLogin(const CommandResult& result, const Situation& situation, cons
   if (result.end == CommandResult::End::EXITED && result.status != 255) {
     return {Verdict::FAIL, "login", "the key is accepted, but no command runs: " + result.message(),
             "the user's shell there ends every login", situation.doctorThere()};
+  }
+  if (result.end == CommandResult::End::TIMED_OUT) {
+    return {Verdict::FAIL, "login", "ssh did not end in time",
+            "the other device is slow, or packets are lost", "dorve-doctor --timeout 10"};
   }
   const auto* const known =
       std::find_if(std::begin(kExplanations), std::end(kExplanations),

@@ -197,50 +197,49 @@ void judgeConfiguration(const Situation& situation, Report& report) {
         {Verdict::FAIL, kName, "sshd has no host keys", "it cannot start without them", "ssh-keygen -A"});
   } else {
     const std::string repair = disableLine(result.message());
-    report.add({Verdict::FAIL, kName, "sshd -T: " + result.message(),
-                "sshd does not start with this configuration",
+    report.add({Verdict::FAIL, kName, result.message(), "sshd does not start with this configuration",
                 repair.empty() ? std::string(kSshd) + " -t" : repair});
   }
 }
 
-/// Whether something listens on port 22 of the link's address.
-void judgeListening(const Situation& situation, Report& report) {
-  const auto listeners = listListeners();
-  if (!listeners) {
-    report.add({Verdict::SKIP, "sshd", "not checked: /proc does not tell"});
-    return;
-  }
-  std::string elsewhere;
-  for (const Listener& listener : *listeners) {
-    const bool here = covers(listener, situation.ownAddress);
-    if (listener.port == kSshPort && here) {
-      const auto owner = findOwner(listener);
-      report.add(
-          {Verdict::OK, "sshd", (owner ? owner->name : "a process of another user") + " listens on port 22"});
-      return;
-    }
+/// An sshd that listens, but not on port 22 of the link's address.
+std::optional<Check> judgeMisplaced(const std::vector<Listener>& listeners, const Situation& situation) {
+  for (const Listener& listener : listeners) {
     const auto owner = findOwner(listener);
-    if (owner && owner->name == "sshd") {
-      elsewhere = here ? "port " + std::to_string(listener.port) : "another address";
+    if (!owner || owner->name != "sshd") continue;
+    if (covers(listener, situation.ownAddress)) {
+      return Check{Verdict::FAIL, "sshd",
+                   "sshd listens on port " + std::to_string(listener.port) + ", not on 22",
+                   "the other device's ssh goes to port 22", configure(situation, "Port 22")};
     }
+    return Check{Verdict::FAIL, "sshd", "sshd listens on other addresses than " + situation.ownAddress,
+                 "the other device cannot reach those",
+                 configure(situation, "ListenAddress " + situation.ownAddress)};
   }
-  if (elsewhere.empty()) {
-    report.add({Verdict::FAIL, "sshd", "nothing listens on port 22 of " + situation.ownAddress,
-                "without sshd the other device cannot log in here", startCommand(situation)});
-  } else {
-    const std::string line =
-        elsewhere == "another address" ? "ListenAddress " + situation.ownAddress : "Port 22";
-    report.add({Verdict::FAIL, "sshd",
-                "sshd listens on " + elsewhere + ", not on port 22 of " + situation.ownAddress,
-                "the other device's ssh goes to port 22", configure(situation, line)});
+  return std::nullopt;
+}
+
+/// Whether something listens on port 22 of the link's address.
+Check judgeListening(const Situation& situation) {
+  const auto listeners = listListeners();
+  if (!listeners) return {Verdict::SKIP, "sshd", "not checked: /proc does not tell"};
+  const auto expected = std::find_if(listeners->begin(), listeners->end(), [&](const Listener& listener) {
+    return listener.port == kSshPort && covers(listener, situation.ownAddress);
+  });
+  if (expected != listeners->end()) {
+    const auto owner = findOwner(*expected);
+    return {Verdict::OK, "sshd", (owner ? owner->name : "a process of another user") + " listens on port 22"};
   }
+  return judgeMisplaced(*listeners, situation)
+      .value_or(Check{Verdict::FAIL, "sshd", "nothing listens on port 22 of " + situation.ownAddress,
+                      "without sshd the other device cannot log in here", startCommand(situation)});
 }
 
 }  // namespace
 
 void checkSshd(const Situation& situation, Report& report) {
   if (!situation.user.empty()) judgeConfiguration(situation, report);
-  judgeListening(situation, report);
+  report.add(judgeListening(situation));
 }
 
 }  // namespace dorve

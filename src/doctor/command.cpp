@@ -26,6 +26,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kMaxInput = 4096;      // bytes: a pipe takes them without a reader
 constexpr std::size_t kMaxOutput = 1 << 20;  // bytes
+constexpr std::size_t kMaxMessage = 1024;    // bytes
 constexpr unsigned int kReapMs = 5;
 
 /// A pipe whose two ends close with the object.
@@ -146,7 +147,7 @@ std::string CommandResult::message() const {
   if (end == End::TIMED_OUT) return "no end in time";
   std::vector<std::string> lines = split(err + '\n' + out, "\r\n");
   std::erase_if(lines, [](const std::string& line) { return split(line, " \t").empty(); });
-  return lines.empty() ? "exit status " + std::to_string(status) : lines.front();
+  return lines.empty() ? "exit status " + std::to_string(status) : lines.front().substr(0, kMaxMessage);
 }
 
 }  // namespace dorve

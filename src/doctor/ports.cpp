@@ -2,6 +2,7 @@
 #include "dorve/doctor/ports.h"
 
 #include <arpa/inet.h>
+#include <linux/errqueue.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -12,6 +13,7 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -77,6 +79,8 @@ class Probe {
     // it. A close without lingering then sends a reset in its place.
     const int off = 0;
     setsockopt(fd, IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off);
+    const int on = 1;
+    setsockopt(fd, IPPROTO_IP, IP_RECVERR, &on, sizeof on);
     const linger abort = {1, 0};
     setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
     const sockaddr_in peer = endpoint(address, port);
@@ -95,10 +99,30 @@ class Probe {
   void readResult() {
     socklen_t size = sizeof error;
     getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
+    // A port that nobody listens on answers with a reset. A firewall may send ICMP, for the same error.
+    if (error == ECONNREFUSED && isFromIcmp()) error = EHOSTUNREACH;
     finish();
   }
 
  private:
+  bool isFromIcmp() const {
+    alignas(cmsghdr) char control[512];
+    char data[64];
+    iovec part = {data, sizeof data};
+    msghdr message = {};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    if (recvmsg(fd, &message, MSG_ERRQUEUE) < 0) return false;
+    const cmsghdr* header = CMSG_FIRSTHDR(&message);
+    if (header == nullptr || header->cmsg_level != IPPROTO_IP || header->cmsg_type != IP_RECVERR)
+      return false;
+    sock_extended_err details = {};
+    std::memcpy(&details, CMSG_DATA(header), sizeof details);
+    return details.ee_origin == SO_EE_ORIGIN_ICMP;
+  }
+
   void finish() {
     if (fd >= 0) close(fd);
     fd = -1;

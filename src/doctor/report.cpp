@@ -46,7 +46,11 @@ std::size_t characterSize(std::string_view text) {
   if (lead < 0xC2 || lead > 0xF4 || text.size() < size) return 0;
   const bool whole = std::all_of(text.begin() + 1, text.begin() + static_cast<std::ptrdiff_t>(size),
                                  [](char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; });
-  return whole ? size : 0;
+  // RFC 3629: no overlong forms, no surrogates, nothing above U+10FFFF.
+  const auto second = static_cast<unsigned char>(size > 1 ? text[1] : '\0');
+  const bool valid = !(lead == 0xE0 && second < 0xA0) && !(lead == 0xED && second >= 0xA0) &&
+                     !(lead == 0xF0 && second < 0x90) && !(lead == 0xF4 && second >= 0x90);
+  return whole && valid ? size : 0;
 }
 
 /// The text in UTF-8, with '?' for each control character and for each byte that is not UTF-8.

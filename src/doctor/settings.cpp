@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "dorve/doctor/settings.h"
 
-#include <regex>
-
 #include "dorve/doctor/text.h"
 
 namespace dorve {
@@ -38,10 +36,15 @@ std::vector<std::string> Settings::words(std::string_view name) const {
 }
 
 std::string disableLine(const std::string& message) {
-  const std::regex place("^(.+?):? line (\\d+):");
-  std::smatch match;
-  if (!std::regex_search(message, match, place)) return "";
-  return "sed -i '" + match[2].str() + "s/^/#/' " + shellWord(match[1].str());
+  constexpr std::string_view kLine = " line ";
+  const std::size_t place = message.find(kLine);
+  if (place == std::string::npos) return "";
+  const std::size_t number = place + kLine.size();
+  const std::size_t end = message.find_first_not_of("0123456789", number);
+  if (end == number || end == std::string::npos || message[end] != ':') return "";
+  std::string file = message.substr(0, place);
+  if (file.ends_with(':')) file.pop_back();
+  return "sed -i '" + message.substr(number, end - number) + "s/^/#/' " + shellWord(file);
 }
 
 }  // namespace dorve

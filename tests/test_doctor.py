@@ -63,15 +63,23 @@ MISTAKES = [
             block("tcp dport 8888 reject with icmp type host-prohibited"), seen_from="client"),
     Mistake("A firewall drops port 22", BETWEEN, "server", block("tcp dport 22 drop"), seen_from="client"),
     Mistake("sshd does not run", BETWEEN, "client", "kill $(cat /run/sshd.pid); sleep 0.2"),
+    Mistake("sshd has not run since the last boot", BETWEEN, "client",
+            "kill $(cat /run/sshd.pid); sleep 0.2; rmdir /run/sshd"),
     Mistake("sshd does not run on the other device", BETWEEN, "server", "kill $(cat /run/sshd.pid); sleep 0.2",
             seen_from="client"),
     Mistake("sshd listens on another port", BETWEEN, "server", sshd("Port 2222")),
     Mistake("sshd listens on another address", BETWEEN, "server", sshd("ListenAddress 127.0.0.1")),
+    Mistake("sshd listens for IPv6 only", BETWEEN, "server", sshd("ListenAddress ::")),
     Mistake("sshd keeps root out", BETWEEN, "server", sshd("PermitRootLogin no")),
     Mistake("sshd accepts no keys", BETWEEN, "client", sshd("PubkeyAuthentication no")),
     Mistake("sshd allows other users only", BETWEEN, "server", sshd("AllowUsers somebody")),
     Mistake("sshd allows other groups only", BETWEEN, "server", sshd("AllowGroups somebody")),
     Mistake("sshd denies the user", BETWEEN, "server", sshd("DenyUsers root@172.*")),
+    Mistake("sshd denies a group", BETWEEN, "server", sshd("DenyGroups other root")),
+    Mistake("sshd allows the user from elsewhere only", BETWEEN, "server", sshd("AllowUsers root@10.0.0.0/8")),
+    Mistake("A Match block keeps root out", BETWEEN, "client",
+            f"printf 'Match Address 172.20.10.0/30\\nPermitRootLogin no\\n' >>{SSHD_CONFIG}; {RELOAD}"),
+    Mistake("A forced command ends every login", BETWEEN, "client", sshd("ForceCommand false")),
     Mistake("sshd reads another authorized_keys", BETWEEN, "server", sshd("AuthorizedKeysFile /etc/ssh/keys/%u")),
     Mistake("sshd wants more than a key", BETWEEN, "server",
             sshd("PasswordAuthentication yes\\nAuthenticationMethods publickey,password")),
@@ -83,13 +91,14 @@ MISTAKES = [
             "cd /root/.ssh; touch authorized_keys; chmod 600 authorized_keys; chattr +i authorized_keys"),
     Mistake("The file system is full", BETWEEN, "server",
             "mount -t tmpfs -o size=64k,mode=700 none /root/.ssh; head -c 99999 /dev/zero >/root/.ssh/fill",
-            own_fix="rm /root/.ssh/fill"),
+            own_fix="umount /root/.ssh"),
     Mistake("The file system is read-only", BETWEEN, "server",
             "mount -t tmpfs -o mode=700 none /root/.ssh; mount -o remount,ro /root/.ssh"),
     Mistake("An older block names another key", BETWEEN, "client",
             "cd .ssh; printf 'Host 172.20.10.1\\n    IdentityFile /root/.ssh/id\\n    IdentitiesOnly yes\\n' >config"),
     Mistake("A block for all hosts comes first", BETWEEN, "client",
             "cd .ssh; printf 'Host *\\n    StrictHostKeyChecking yes\\n    UserKnownHostsFile ~/.ssh/k\\n' >config"),
+    Mistake("ssh logs in under another name", BETWEEN, "client", "printf 'Host *\\n    User me\\n' >.ssh/config"),
     Mistake("Others may read the private key", AFTER, "client", "chmod 644 /root/.ssh/base_slice_exchange"),
     Mistake("A program was started again", AFTER, "client", "timeout 1 dorve-client --help >/dev/null"),
     Mistake("The private key is missing", AFTER, "server", "rm /root/.ssh/base_slice_exchange"),
@@ -185,6 +194,34 @@ def test_finds_nothing_wrong_with_healthy_devices(sshd_lab, build):
         pair(sshd_lab, build)
 
 
+# What a user may do, on both hosts, without harm.
+HARMLESS = {
+    "addresses of a point-to-point link":
+        "ip address flush dev bsab; case $(hostname) in "
+        "client) ip address add 172.20.10.2 peer 172.20.10.1 dev bsab;; "
+        "server) ip address add 172.20.10.1 peer 172.20.10.2 dev bsab;; esac",
+    "a second address on the link": "ip address add 172.20.10.9/24 dev bsab",
+    "no StrictModes": sshd("StrictModes no") + "; chmod 777 /root",
+    "a user named with a network": sshd("AllowUsers root@172.20.10.0/30,!10.0.0.1 me"),
+    "a linked directory": "mv .ssh there; ln -s there .ssh",
+    "host keys that are known":
+        "for n in 1 2; do echo 172.20.10.$n $(ssh-keyscan -t ed25519 172.20.10.$n | cut -d ' ' -f 2-); done >known; "
+        "printf 'Host *\\n UserKnownHostsFile ~/known\\n StrictHostKeyChecking yes\\n' >.ssh/config",
+}
+
+
+@pytest.mark.parametrize("name", HARMLESS)
+def test_raises_no_false_alarm(sshd_lab, build, name):
+    for host in sshd_lab.hosts:
+        assert host.run(HARMLESS[name]).status == 0
+    for _ in "before", "after":
+        for host in sshd_lab.hosts:
+            assert bad_lines(doctor(host, build)) == []
+        pair(sshd_lab, build)
+    for host in sshd_lab.hosts:
+        prove_login(host)
+
+
 def test_tells_that_a_second_server_has_replaced_the_key(sshd_lab, build):
     key = sshd_lab.server.ssh / "base_slice_exchange.pub"
     first = sshd_lab.server.start([build / "dorve-server"])
@@ -240,6 +277,21 @@ def test_tells_an_ordinary_user_about_a_directory_of_root(lab, build):
     assert "skip  sshd-config   not checked: only root can read the whole configuration\n" in outcome.out
 
 
+def test_tells_that_home_is_not_the_home_directory(lab, build):
+    add_user(lab.client, build)
+    command = "unset HOME; dorve-doctor --timeout 1"
+    outcome = lab.client.run([*AS_USER, command])
+    assert "      why  HOME is not the home directory of me\n      fix  export HOME=/home/me\n" in outcome.out
+
+
+def test_guesses_no_role(lab, build):
+    outcome = run(lab.server, build, "ip address flush dev bsab; dorve-doctor --timeout 1")
+    assert outcome.out.startswith("warn  role          client or server?\n"
+                                  "      why  neither 172.20.10.1 nor 172.20.10.2 is on an interface\n"
+                                  "      fix  dorve-doctor server  # or: dorve-doctor client\n")
+    assert outcome.out.endswith(" failed. First: dorve-doctor server  # or: dorve-doctor client\n")
+
+
 def test_tells_of_a_blank_in_the_path(lab, build):
     outcome = run(lab.client, build, "mkdir -p '/root/my home/.ssh'; HOME='/root/my home' dorve-doctor --timeout 1")
     assert "FAIL  ssh-dir       /root/my home/.ssh holds a blank or a special character\n" in outcome.out
@@ -249,6 +301,7 @@ def test_tells_of_a_blank_in_the_path(lab, build):
 # What breaks, and a line that the doctor then prints.
 HOSTILE = [
     ("mount -t tmpfs none /proc", "skip  port-8888     not checked: /proc does not tell"),
+    ("cd /root/.ssh; rm config; mkfifo config", "FAIL  ssh-files     /root/.ssh/config is no regular file"),
     ("cd /root/.ssh; head -c 1000000 /dev/zero | tr '\\0' 'A' >authorized_keys; "
      "echo base_slice_exchange >>authorized_keys", "FAIL  peer-key      the pairing key in authorized_keys is damaged"),
     ("printf '#!/bin/sh\\nsleep 60 & sleep 60\\n' >/run/slow; chmod +x /run/slow; "
@@ -257,7 +310,7 @@ HOSTILE = [
 ]
 
 
-@pytest.mark.parametrize("command, line", HOSTILE, ids=["no /proc", "a long line", "tools that hang"])
+@pytest.mark.parametrize("command, line", HOSTILE, ids=["no /proc", "a pipe", "a long line", "tools that hang"])
 def test_survives_hostile_surroundings(sshd_lab, build, command, line):
     pair(sshd_lab, build)
     run(sshd_lab.server, build, command)

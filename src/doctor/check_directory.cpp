@@ -61,13 +61,18 @@ std::string passedOver(const std::string& chosen) {
 
 Check missingDirectory(const Situation& situation) {
   const std::string path = situation.home + "/.ssh";
+  const std::string found = "none: " + passedOver("");
+  if (isDirectory(path)) {
+    return {Verdict::FAIL, "ssh-dir", found, "HOME is not the home directory of " + situation.user,
+            "export HOME=" + shellWord(situation.home)};
+  }
+  if (situation.home.empty()) return {Verdict::FAIL, "ssh-dir", found, "this user has no home directory"};
   std::error_code error;
   std::string command = "mkdir -m 700 " + shellWord(path);
   if (std::filesystem::exists(std::filesystem::symlink_status(path, error))) {
     command = "mv " + shellWord(path) + " " + shellWord(path + ".old") + " && " + command;
   }
-  return {Verdict::FAIL, "ssh-dir", "none: " + passedOver(""),
-          situation.program + " does not make this directory", command};
+  return {Verdict::FAIL, "ssh-dir", found, situation.program + " does not make this directory", command};
 }
 
 /// Whether the owner is the only member of the file's group. Debian's sshd then lets the group write.
@@ -78,7 +83,11 @@ bool isPrivateGroup(const struct stat& status) {
   for (char** member = entry->gr_mem; *member != nullptr; ++member) {
     if (std::strcmp(*member, owner->pw_name) != 0) return false;
   }
-  return true;
+  int members = 0;
+  setpwent();
+  while (const passwd* user = getpwent()) members += user->pw_gid == status.st_gid ? 1 : 0;
+  endpwent();
+  return members == 1;
 }
 
 /// The first of `path` and the directories above it that sshd objects to; the home directory is the last that
@@ -103,11 +112,13 @@ std::optional<std::pair<std::string, struct stat>> findUnsafe(std::string path, 
 /// directory is the directory's business.
 std::optional<Check> judgeModes(const std::string& name, const std::string& path,
                                 const Situation& situation) {
+  if (!situation.strictModes) return std::nullopt;
   const auto offender = findUnsafe(path, situation);
   if (!offender) return std::nullopt;
   const auto& [place, status] = *offender;
   std::error_code error;
-  if (path != situation.sshDir && !std::filesystem::equivalent(place, path, error)) return std::nullopt;
+  const std::string above = std::filesystem::canonical(situation.sshDir, error).string() + "/";
+  if (path != situation.sshDir && above.starts_with(place + "/")) return std::nullopt;
   if (status.st_uid == 0 || status.st_uid == situation.userId) {
     const std::string command = "chmod go-w " + shellWord(place);
     return Check{Verdict::FAIL, name,
@@ -187,6 +198,7 @@ Check judgeSpace(const Situation& situation) {
             "the programs cannot store a key there",
             situation.asRoot("mount -o remount,rw \"$(findmnt -n -o TARGET -T " + shellWord(path) + ")\"")};
   }
+  if (space.f_blocks == 0) return {Verdict::OK, "ssh-dir-space", "its file system has no limit"};
   const std::uint64_t blocks = situation.isRoot() ? space.f_bfree : space.f_bavail;
   const std::uint64_t bytes = blocks * space.f_frsize;
   const bool noFiles = space.f_files != 0 && (situation.isRoot() ? space.f_ffree : space.f_favail) == 0;
@@ -200,17 +212,21 @@ Check judgeSpace(const Situation& situation) {
   return {Verdict::OK, "ssh-dir-space", std::to_string(bytes / 1024) + " KiB free"};
 }
 
-/// A file that the programs edit: they must be able to read and write it, and sshd and ssh must accept it.
-std::optional<Check> judgeFile(const std::string& path, const Situation& situation) {
+/// A file that the programs read and `mode` more (W_OK for those that they edit). sshd and ssh must accept
+/// it.
+std::optional<Check> judgeFile(const std::string& path, int mode, const Situation& situation) {
   struct stat status = {};
-  if (lstat(path.c_str(), &status) != 0) return std::nullopt;
-  if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+  if (stat(path.c_str(), &status) != 0) {
+    if (errno == ENOENT) return std::nullopt;
+    return Check{Verdict::SKIP, "ssh-files", "not checked: " + path + ": " + std::strerror(errno)};
+  }
+  if (!S_ISREG(status.st_mode)) {
     return Check{Verdict::FAIL, "ssh-files", path + " is no regular file", "the programs store nothing in it",
                  "mv " + shellWord(path) + " " + shellWord(path + ".old")};
   }
   if (auto check = judgeFlags("ssh-files", path, situation)) return check;
   if (auto check = judgeModes("ssh-files", path, situation)) return check;
-  if (faccessat(AT_FDCWD, path.c_str(), R_OK | W_OK, AT_EACCESS) != 0) {
+  if (faccessat(AT_FDCWD, path.c_str(), R_OK | mode, AT_EACCESS) != 0) {
     const bool own = status.st_uid == situation.userId;
     return Check{Verdict::FAIL, "ssh-files", path + ": " + std::strerror(errno),
                  "the programs must read and write this file",
@@ -235,14 +251,18 @@ void checkDirectory(const Situation& situation, Report& report) {
   report.add(judgePath(situation));
   report.add(judgeOwner(situation));
   report.add(judgeSpace(situation));
+  // The programs delete the keys and make new ones, so they need not be able to write them.
+  const std::pair<std::string, int> files[] = {{situation.authorizedKeys, W_OK},
+                                               {situation.config, W_OK},
+                                               {situation.privateKey, 0},
+                                               {situation.privateKey + ".pub", 0}};
   bool sound = true;
-  for (const std::string& path :
-       {situation.authorizedKeys, situation.config, situation.privateKey, situation.privateKey + ".pub"}) {
-    const auto check = judgeFile(path, situation);
+  for (const auto& [path, mode] : files) {
+    const auto check = judgeFile(path, mode, situation);
     if (check) report.add(*check);
     sound &= !check;
   }
-  if (sound) report.add({Verdict::OK, "ssh-files", "authorized_keys, config and keys can be written"});
+  if (sound) report.add({Verdict::OK, "ssh-files", "authorized_keys, config and keys are usable"});
 }
 
 void checkKeygen(const Situation& situation, Report& report) {
@@ -250,6 +270,10 @@ void checkKeygen(const Situation& situation, Report& report) {
   constexpr const char* kSample =
       "ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA sample\n";
   const CommandResult result = runCommand({"ssh-keygen", "-l", "-f", "-"}, situation.commandMs(), kSample);
+  if (situation.user.empty()) {
+    report.add({Verdict::SKIP, "ssh-keygen", "not checked: it does not run without a user name"});
+    return;
+  }
   if (result.succeeded()) {
     report.add({Verdict::OK, "ssh-keygen", "runs and knows ed25519"});
     return;

@@ -12,6 +12,7 @@ namespace {
 
 constexpr const char* kPrefix = "/30";
 constexpr int kPrefixBits = 30;
+constexpr const char* kShowInterfaces = "ip -brief link";
 
 std::string renameCommand(const Situation& situation, const std::string& from) {
   const std::string device = "ip link set dev " + from;
@@ -25,15 +26,14 @@ Check judgeInterface(const Situation& situation) {
   const Interface* guess = findByAddress(situation.interfaces, situation.ownAddress);
   if (guess == nullptr) guess = guessLink(situation.interfaces);
   if (link == nullptr && situation.role == Role::SERVER) link = guess;
-  if (link == nullptr && guess == nullptr) {
-    return {Verdict::FAIL, "interface", "none but " + describe(situation.interfaces),
-            "the link needs a network interface of its own", "ip -brief link"};
-  }
   if (link == nullptr) {
-    return {Verdict::FAIL, "interface",
-            std::string("none is called ") + kLinkInterface + "; there is " + describe(situation.interfaces),
-            std::string("dorve-client connects over ") + kLinkInterface + " only",
-            renameCommand(situation, guess->name)};
+    const std::string found = "there is " + describe(situation.interfaces);
+    if (situation.role == Role::SERVER) {
+      return {Verdict::FAIL, "interface", found, "none of them is the link for sure", kShowInterfaces};
+    }
+    return {Verdict::FAIL, "interface", std::string("no ") + kLinkInterface + "; " + found,
+            std::string("dorve-client connects over an interface of the name ") + kLinkInterface + " only",
+            guess == nullptr ? kShowInterfaces : renameCommand(situation, guess->name)};
   }
   const std::string found = link->name + " is " + link->state();
   if (!link->up) {
@@ -47,7 +47,26 @@ Check judgeInterface(const Situation& situation) {
   return {Verdict::OK, "interface", found};
 }
 
+/// The check of an address that is on the link: packets to the other device must leave over the link.
+Check judgeRoute(const Interface& link, const Interface::Address& own, const std::string& replace,
+                 const Situation& situation) {
+  const std::string held = own.text + "/" + std::to_string(own.prefix);
+  const Interface* source = findByAddress(situation.interfaces, sourceAddressFor(situation.peerAddress));
+  if (!link.up || (source != nullptr && source->name == link.name)) {
+    return {Verdict::OK, "address", held + " on " + link.name};
+  }
+  if (own.prefix > kPrefixBits) {
+    return {Verdict::FAIL, "address", held + " is on " + link.name,
+            "the other device's address is outside its network", replace};
+  }
+  return {Verdict::FAIL, "address", "packets to " + situation.peerAddress + " do not leave over " + link.name,
+          "another route or address takes them away from the link",
+          situation.asRoot("ip route replace " + situation.peerAddress + "/32 dev " + link.name + " src " +
+                           own.text)};
+}
+
 Check judgeAddress(const Situation& situation) {
+  if (situation.roleIsGuess) return {Verdict::SKIP, "address", "not checked: client or server?"};
   const std::string& address = situation.ownAddress;
   const Interface* holder = findByAddress(situation.interfaces, address);
   const Interface* link = situation.link();
@@ -56,29 +75,18 @@ Check judgeAddress(const Situation& situation) {
   const std::string add = situation.asRoot("ip address add " + address + kPrefix + " dev " + target);
   if (holder == nullptr) {
     return {Verdict::FAIL, "address", address + " is on no interface",
-            "the address of the " + std::string(situation.role == Role::CLIENT ? "client" : "server") +
-                " is fixed",
-            add};
+            std::string("the address of the ") + situation.roleName() + " is fixed", add};
   }
   const auto own = std::find_if(holder->addresses.begin(), holder->addresses.end(),
                                 [&](const Interface::Address& entry) { return entry.text == address; });
   const std::string held = address + "/" + std::to_string(own->prefix);
-  const std::string remove = situation.asRoot("ip address del " + held + " dev " + holder->name);
+  const std::string replace =
+      situation.asRoot("ip address del " + held + " dev " + holder->name) + " && " + add;
   if (holder->name != target) {
     return {Verdict::FAIL, "address", held + " is on " + holder->name + ", not on " + target,
-            "the other device then answers on the wrong interface", remove + " && " + add};
+            "the other device then answers on the wrong interface", replace};
   }
-  if (own->prefix > kPrefixBits) {
-    return {Verdict::FAIL, "address", held + " is on " + target,
-            "the other device's address is outside its network", remove + " && " + add};
-  }
-  if (holder->up && sourceAddressFor(situation.peerAddress) != address) {
-    return {Verdict::FAIL, "address", "packets to " + situation.peerAddress + " do not leave from " + address,
-            "another route or address takes them away from the link",
-            situation.asRoot("ip route replace " + situation.peerAddress + "/32 dev " + target + " src " +
-                             address)};
-  }
-  return {Verdict::OK, "address", held + " on " + holder->name};
+  return judgeRoute(*holder, *own, replace, situation);
 }
 
 std::string pids(const std::vector<ProcessInfo>& processes) {
@@ -106,48 +114,46 @@ Check judgePrograms(const Situation& situation) {
 Check judgeListener(const Situation& situation) {
   const auto listeners = listListeners();
   if (!listeners) return {Verdict::SKIP, "port-8888", "not checked: /proc does not tell"};
-  const auto holder = std::find_if(listeners->begin(), listeners->end(), [&](const Listener& listener) {
-    return listener.port == kPort && covers(listener, situation.ownAddress);
-  });
-  if (holder == listeners->end()) return {Verdict::OK, "port-8888", "free"};
+  const Listener* holder = findListener(*listeners, situation.ownAddress, kPort);
+  if (holder == nullptr) return {Verdict::OK, "port-8888", "free"};
   const auto owner = findOwner(*holder);
+  if (situation.programRuns && (!owner || owner->name == situation.program)) {
+    return {Verdict::OK, "port-8888", situation.program + " waits for a client"};
+  }
   if (!owner) {
     return {Verdict::FAIL, "port-8888", "held by a process of another user",
             "dorve-server cannot listen on it", "sudo ss -ltnp sport = :8888"};
   }
-  const std::string who = owner->name + " (process " + std::to_string(owner->pid) + ")";
-  if (owner->name == situation.program) return {Verdict::OK, "port-8888", who + " waits for a client"};
-  return {Verdict::FAIL, "port-8888", "held by " + who, "dorve-server cannot listen on it",
-          situation.asRoot("kill " + std::to_string(owner->pid))};
+  return {
+      Verdict::FAIL, "port-8888", "held by " + owner->name + " (process " + std::to_string(owner->pid) + ")",
+      "dorve-server cannot listen on it",
+      owner->pid == 1 ? "systemctl list-sockets" : situation.asRoot("kill " + std::to_string(owner->pid))};
 }
 
 /// Lets the other device through the firewall of the device that the command is typed on. The first command
 /// is for the table that Debian's nftables.conf sets up, the second for all that iptables and its relatives
-/// manage.
-std::string openFirewall(const std::string& from) {
-  return "nft insert rule inet filter input ip saddr " + from + " accept || iptables -I INPUT -s " + from +
-         " -j ACCEPT";
+/// manage. The last one shows what else there is.
+std::string openFirewall(const Situation& situation) {
+  const std::string from = situation.ownAddress;
+  return situation.asRoot("nft insert rule inet filter input ip saddr " + from + " accept") + " || " +
+         situation.asRoot("iptables -I INPUT -s " + from + " -j ACCEPT") + " || " +
+         situation.asRoot("nft list ruleset");
 }
 
-/// A port of the other device that may be open or behind a firewall.
-Check judgePeerPort(const Situation& situation, std::uint16_t port, PortState state, Verdict blocked) {
+/// A port of the other device that a firewall may block.
+Check judgePeerPort(const Situation& situation, std::uint16_t port, PortState state) {
   const std::string name = "peer-" + std::to_string(port);
   const std::string place = "port " + std::to_string(port) + " of " + situation.peerAddress;
   if (state == PortState::OPEN) return {Verdict::OK, name, place + " is open"};
-  return {blocked, name, place + (state == PortState::REJECTED ? " is rejected" : " does not answer"),
-          "the device is there, but a firewall does not let this one through",
-          situation.onPeer(openFirewall(situation.ownAddress))};
+  return {Verdict::FAIL, name, place + (state == PortState::REJECTED ? " is rejected" : " does not answer"),
+          "the device is there, but a firewall here or there blocks the port",
+          situation.onPeer(openFirewall(situation))};
 }
 
 /// Whether dorve-server waits on the other device. After a pairing none has to.
 Check judgePeerServer(const Situation& situation, PortState state) {
-  const bool paired = isPaired(situation);
-  if (state != PortState::REFUSED) {
-    return judgePeerPort(situation, kPort, state, paired ? Verdict::WARN : Verdict::FAIL);
-  }
-  if (paired) {
-    return {Verdict::OK, "peer-8888", "no dorve-server waits there; none is needed after a pairing"};
-  }
+  if (isPaired(situation)) return {Verdict::OK, "peer-8888", "not needed after a pairing"};
+  if (state != PortState::REFUSED) return judgePeerPort(situation, kPort, state);
   return {Verdict::SKIP, "peer-8888", "no dorve-server waits on " + situation.peerAddress,
           "it waits for 60 seconds only; start it, then dorve-client here", situation.onPeer("dorve-server")};
 }
@@ -155,8 +161,13 @@ Check judgePeerServer(const Situation& situation, PortState state) {
 }  // namespace
 
 void checkLink(const Situation& situation, Report& report) {
-  report.add({Verdict::OK, "role",
-              (situation.role == Role::CLIENT ? "client: " : "server: ") + situation.roleReason});
+  if (situation.roleIsGuess) {
+    report.add({Verdict::WARN, "role", "client or server?",
+                std::string("neither ") + kServerAddress + " nor " + kClientAddress + " is on an interface",
+                "dorve-doctor server  # or: dorve-doctor client"});
+  } else {
+    report.add({Verdict::OK, "role", situation.roleName() + (": " + situation.roleReason)});
+  }
   report.add(judgeInterface(situation));
   report.add(judgeAddress(situation));
 }
@@ -170,11 +181,12 @@ bool checkPeer(const Situation& situation, Report& report) {
   const bool client = situation.role == Role::CLIENT;
   std::vector<std::uint16_t> ports = {kSshPort};
   if (client) ports.push_back(kPort);
-  const std::vector<PortState> states = probePorts(situation.peerAddress, ports, situation.timeoutMs);
+  const std::vector<PortState> states = probePorts(situation.peerAddress, ports, situation.answerMs());
   const PortState ssh = states.front();
   if (ssh == PortState::NO_ROUTE) {
     report.add({Verdict::FAIL, "peer", "this device has no route to " + situation.peerAddress,
-                "the interface or its address is not in order", "ip route get " + situation.peerAddress});
+                "the lines on the interface and the address say why",
+                "ip route get " + situation.peerAddress});
     return false;
   }
   if (ssh == PortState::NO_NEIGHBOUR) {
@@ -189,7 +201,7 @@ bool checkPeer(const Situation& situation, Report& report) {
     report.add({Verdict::FAIL, "peer-22", "port 22 of " + situation.peerAddress + " refuses connections",
                 "no sshd listens there, so no login is possible", situation.doctorThere()});
   } else {
-    report.add(judgePeerPort(situation, kSshPort, ssh, Verdict::FAIL));
+    report.add(judgePeerPort(situation, kSshPort, ssh));
   }
   return ssh == PortState::OPEN;
 }

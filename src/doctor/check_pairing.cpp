@@ -11,7 +11,6 @@
 #include "dorve/doctor/command.h"
 #include "dorve/doctor/settings.h"
 #include "dorve/doctor/text.h"
-#include "dorve/keys/file_text.h"
 #include "dorve/keys/key_material.h"
 
 namespace dorve {
@@ -22,7 +21,7 @@ constexpr uid_t kFirstUserId = 1000;       // of ordinary users, on Debian
 constexpr uid_t kNobody = 65534;
 
 std::vector<std::string> pairingLines(const Situation& situation) {
-  std::vector<std::string> lines = split(readFileText(situation.authorizedKeys).value_or(""), "\n");
+  std::vector<std::string> lines = split(readRegularFile(situation.authorizedKeys), "\n");
   std::erase_if(lines,
                 [](const std::string& line) { return line.find(kPairingKeyName) == std::string::npos; });
   return lines;
@@ -40,13 +39,15 @@ std::string hostLine(const Situation& situation) {
   return "Host " + situation.peerAddress;
 }
 
-/// The fingerprint of a public key line; empty if ssh-keygen finds no key in it.
-std::string fingerprint(const std::string& line, const Situation& situation) {
-  if (line.size() > kMaxKeyLine) return "";
-  const CommandResult result =
-      runCommand({"ssh-keygen", "-l", "-f", "-"}, situation.commandMs(), line + "\n");
-  const std::vector<std::string> words = split(result.out, " ");
-  return result.succeeded() && words.size() > 1 ? words[1] : "";
+/// What ssh-keygen says of a public key line.
+CommandResult askFingerprint(const std::string& line, const Situation& situation) {
+  return runCommand({"ssh-keygen", "-l", "-f", "-"}, situation.commandMs(), line + "\n");
+}
+
+/// The fingerprint in such an answer; empty if there is none.
+std::string fingerprint(const CommandResult& answer) {
+  const std::vector<std::string> words = split(answer.out, " ");
+  return answer.succeeded() && words.size() > 1 ? words[1] : "";
 }
 
 /// The type and the key of a public key line, without its comment.
@@ -56,7 +57,7 @@ std::vector<std::string> keyPart(const std::string& line) {
   return words;
 }
 
-Check judgeKeyPair(const Situation& situation, bool loginWorks) {
+Check judgeKeyPair(const Situation& situation, bool loginRefused) {
   constexpr const char* kName = "key-pair";
   struct stat status = {};
   if (stat(situation.privateKey.c_str(), &status) != 0) {
@@ -67,9 +68,12 @@ Check judgeKeyPair(const Situation& situation, bool loginWorks) {
     return {Verdict::FAIL, kName, "others may read " + situation.privateKey, "ssh ignores such a private key",
             situation.asRoot("chmod 600 " + shellWord(situation.privateKey))};
   }
-  const std::string publicLine = readPublicKey(situation.sshDir, kPairingKeyName);
+  const std::string publicLine = readRegularFile(situation.privateKey + ".pub");
   const CommandResult derived =
       runCommand({"ssh-keygen", "-y", "-P", "", "-f", situation.privateKey}, situation.commandMs());
+  if (derived.end != CommandResult::End::EXITED) {
+    return {Verdict::SKIP, kName, "not checked: ssh-keygen: " + derived.message()};
+  }
   if (!derived.succeeded()) {
     return {Verdict::FAIL, kName, "the private key is damaged", "neither ssh-keygen nor ssh can read it",
             situation.pairAgain()};
@@ -78,11 +82,11 @@ Check judgeKeyPair(const Situation& situation, bool loginWorks) {
     return {Verdict::FAIL, kName, "the private and the public key do not belong together",
             "the other device holds a key that this one cannot prove", situation.pairAgain()};
   }
-  if (!loginWorks && isNewer(situation.privateKey, situation.authorizedKeys)) {
+  if (loginRefused && isNewer(situation.privateKey, situation.authorizedKeys)) {
     return {Verdict::FAIL, kName, "the key is newer than the pairing",
             situation.program + " ran again: the other device knows the old key only", situation.pairAgain()};
   }
-  return {Verdict::OK, kName, fingerprint(publicLine, situation)};
+  return {Verdict::OK, kName, fingerprint(askFingerprint(publicLine, situation))};
 }
 
 Check judgePeerKey(const Situation& situation) {
@@ -96,12 +100,15 @@ Check judgePeerKey(const Situation& situation) {
                           : "a pairing leaves exactly one",
             situation.pairAgain()};
   }
-  const std::string print = fingerprint(lines.front(), situation);
-  if (print.empty()) {
+  const CommandResult answer = askFingerprint(lines.front(), situation);
+  if (answer.end != CommandResult::End::EXITED) {
+    return {Verdict::SKIP, kName, "not checked: ssh-keygen: " + answer.message()};
+  }
+  if (lines.front().size() > kMaxKeyLine || fingerprint(answer).empty()) {
     return {Verdict::FAIL, kName, "the pairing key in authorized_keys is damaged", "sshd ignores such a line",
             situation.pairAgain()};
   }
-  return {Verdict::OK, kName, print};
+  return {Verdict::OK, kName, fingerprint(answer)};
 }
 
 /// A setting of ssh that the block of a pairing makes, or relies on.
@@ -111,12 +118,19 @@ struct Setting {
   std::vector<std::string> accepted;  ///< what `ssh -G` may print for it
 };
 
+/// Whether one of ssh's identity files is the key of the pairing. ssh writes ~ or %d for the home directory.
+bool usesKey(const std::vector<std::string>& files, const Situation& situation) {
+  return std::any_of(files.begin(), files.end(), [&](std::string file) {
+    if (file.starts_with("~/")) file.replace(0, 1, situation.home);
+    if (file.starts_with("%d/")) file.replace(0, 2, situation.home);
+    std::error_code error;
+    return file == situation.privateKey || std::filesystem::equivalent(file, situation.privateKey, error);
+  });
+}
+
 /// The settings for the other device that ssh takes from elsewhere than the block of the pairing.
 std::vector<Setting> findOverridden(const Settings& settings, const Situation& situation) {
   std::vector<Setting> all = {
-      {"IdentityFile",
-       situation.privateKey,
-       {situation.privateKey, std::string("~/.ssh/") + kPairingKeyName}},
       {"IdentitiesOnly", "yes", {"yes"}},
       {"StrictHostKeyChecking", "no", {"no", "false", "off"}},
       {"UserKnownHostsFile", "/dev/null", {"/dev/null"}},
@@ -127,13 +141,12 @@ std::vector<Setting> findOverridden(const Settings& settings, const Situation& s
       {"ProxyJump", "none", {"", "none"}},
   };
   std::erase_if(all, [&](const Setting& setting) {
-    std::vector<std::string> values = settings.all(toLower(setting.name));
-    // ssh tries every identity file. Of all other settings it takes the first.
-    if (values.empty()) values.emplace_back();
-    if (setting.name != std::string("IdentityFile")) values.resize(1);
-    return std::find_first_of(values.begin(), values.end(), setting.accepted.begin(),
-                              setting.accepted.end()) != values.end();
+    const std::string value = settings.first(toLower(setting.name));
+    return std::find(setting.accepted.begin(), setting.accepted.end(), value) != setting.accepted.end();
   });
+  if (!usesKey(settings.all("identityfile"), situation)) {
+    all.insert(all.begin(), {"IdentityFile", situation.privateKey, {}});
+  }
   return all;
 }
 
@@ -143,10 +156,10 @@ std::string preferCommand(const std::vector<Setting>& settings, const Situation&
   std::string lines = hostLine(situation);
   for (const Setting& setting : settings)
     lines += std::string("\\n    ") + setting.name + " " + setting.value;
-  return "sed -i '1i " + lines + "\\nHost *' " + shellWord(situation.config);
+  return "sed --follow-symlinks -i '1i " + lines + "\\nHost *' " + shellWord(situation.config);
 }
 
-Check judgeConfig(const CommandResult& result, const Situation& situation) {
+Check judgeConfig(const CommandResult& result, bool loginWorks, const Situation& situation) {
   constexpr const char* kName = "ssh-config";
   if (result.end == CommandResult::End::NOT_FOUND) {
     return {Verdict::FAIL, kName, "there is no ssh", "this device cannot log in anywhere",
@@ -157,14 +170,16 @@ Check judgeConfig(const CommandResult& result, const Situation& situation) {
     return {Verdict::FAIL, kName, result.message(), "ssh does not run with this configuration",
             repair.empty() ? "ssh -G " + situation.peerAddress : repair};
   }
-  const std::string text = readFileText(situation.config).value_or("");
-  if (text.find(hostLine(situation)) == std::string::npos) {
+  if (!loginWorks && readRegularFile(situation.config).find(hostLine(situation)) == std::string::npos) {
     return {Verdict::FAIL, kName, situation.config + " has no " + hostLine(situation),
             "the pairing did not end, or the block could not be stored", situation.pairAgain()};
   }
   const Settings settings(result.out);
   const std::vector<Setting> wrong = findOverridden(settings, situation);
-  if (wrong.empty()) return {Verdict::OK, kName, "ssh uses the pairing's key for " + situation.peerAddress};
+  // Other settings may serve as well, such as known host keys.
+  if (wrong.empty() || loginWorks) {
+    return {Verdict::OK, kName, "ssh uses the pairing's key for " + situation.peerAddress};
+  }
   const std::string name = wrong.front().name;
   return {Verdict::FAIL, kName,
           "for " + situation.peerAddress + " ssh uses " + name + " " + settings.first(toLower(name)),
@@ -181,8 +196,8 @@ CommandResult tryLogin(const Situation& situation, const Settings& settings, con
   std::vector<std::string> words = {"ssh", "-n", "-T"};
   for (const char* option :
        {"BatchMode=yes", "ControlMaster=no", "ControlPath=none", "ClearAllForwardings=yes", "ForwardX11=no",
-        "ForwardAgent=no", "PermitLocalCommand=no", "RemoteCommand=none", "UpdateHostKeys=no",
-        "LogLevel=ERROR"}) {
+        "ForwardAgent=no", "AddKeysToAgent=no", "PermitLocalCommand=no", "RemoteCommand=none",
+        "SessionType=default", "Tunnel=no", "UpdateHostKeys=no", "LogLevel=ERROR"}) {
     words.insert(words.end(), {"-o", option});
   }
   words.insert(words.end(),
@@ -194,10 +209,11 @@ CommandResult tryLogin(const Situation& situation, const Settings& settings, con
   return runCommand(words, situation.commandMs());
 }
 
-/// The name that the user who paired on the other device most likely has, if not this user's: root, or the
-/// first ordinary user of this device. One guess only, because sshd locks an address out after several
-/// failures.
-std::string likelyUser(const Situation& situation) {
+/// The name that the user who paired on the other device most likely has, if not the one that ssh tried: this
+/// user's, root, or the first ordinary user of this device. One guess only, because sshd locks an address out
+/// after several failures.
+std::string likelyUser(const std::string& tried, const Situation& situation) {
+  if (tried != situation.user) return situation.user;
   if (!situation.isRoot()) return "root";
   std::string name;
   setpwent();
@@ -208,11 +224,16 @@ std::string likelyUser(const Situation& situation) {
   return name;
 }
 
+bool isRefusal(const CommandResult& login) {
+  return login.err.find("Permission denied") != std::string::npos;
+}
+
 struct Explanation {
   const char* words;  ///< in what ssh prints
   const char* cause;
 };
 constexpr Explanation kExplanations[] = {
+    {"banner exchange", "something accepts port 22 there, but no sshd answers"},
     {"No route to host", "nobody answers for the address, or a firewall rejects port 22"},
     {"Connection refused", "no sshd listens on port 22 there"},
     {"timed out", "a firewall there drops port 22, or the device is overloaded"},
@@ -224,23 +245,23 @@ constexpr Explanation kExplanations[] = {
 };
 
 Check explainRefusal(const Situation& situation, const Settings& settings) {
-  const std::string user = likelyUser(situation);
+  const std::string user = likelyUser(settings.first("user"), situation);
   if (!user.empty() && tryLogin(situation, settings, user).succeeded()) {
     return {Verdict::FAIL, "login",
             situation.peerAddress + " lets " + user + " in, not " + settings.first("user"),
             "the pairing there ran as " + user,
-            "sed -i '1i " + hostLine(situation) + "\\n    User " + user + "\\nHost *' " +
+            "sed --follow-symlinks -i '1i " + hostLine(situation) + "\\n    User " + user + "\\nHost *' " +
                 shellWord(situation.config)};
   }
   return {Verdict::FAIL, "login", situation.peerAddress + " refuses the key for " + settings.first("user"),
-          "it holds another key; if pairing does not help, run dorve-doctor there", situation.pairAgain()};
+          "it holds another key; if that is not it, dorve-doctor there says more", situation.pairAgain()};
 }
 
 Check explainLogin(const CommandResult& result, const Situation& situation, const Settings& settings) {
-  if (result.err.find("Permission denied") != std::string::npos) return explainRefusal(situation, settings);
+  if (isRefusal(result)) return explainRefusal(situation, settings);
   if (result.end == CommandResult::End::EXITED && result.status != 255) {
     return {Verdict::FAIL, "login", "the key is accepted, but no command runs: " + result.message(),
-            "the user's shell there ends every login", situation.doctorThere()};
+            "the user's shell there, or a forced command, ends every login", situation.doctorThere()};
   }
   if (result.end == CommandResult::End::TIMED_OUT) {
     return {Verdict::FAIL, "login", "ssh did not end in time",
@@ -257,7 +278,7 @@ Check explainLogin(const CommandResult& result, const Situation& situation, cons
 
 bool isPaired(const Situation& situation) {
   if (situation.sshDir.empty()) return false;
-  const std::string config = readFileText(situation.config).value_or("");
+  const std::string config = readRegularFile(situation.config);
   return !pairingLines(situation).empty() || config.find(hostLine(situation)) != std::string::npos;
 }
 
@@ -271,9 +292,9 @@ void checkPairing(const Situation& situation, bool sshIsOpen, Report& report) {
   CommandResult login;
   if (sshIsOpen && config.succeeded()) login = tryLogin(situation, settings, "");
 
-  report.add(judgeKeyPair(situation, login.succeeded()));
+  report.add(judgeKeyPair(situation, isRefusal(login)));
   report.add(judgePeerKey(situation));
-  report.add(judgeConfig(config, situation));
+  report.add(judgeConfig(config, login.succeeded(), situation));
   if (login.succeeded()) {
     report.add(
         {Verdict::OK, "login", "ssh " + situation.peerAddress + " logs in as " + settings.first("user")});

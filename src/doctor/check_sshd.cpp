@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // sshd on this device, as far as it decides whether the other side's key logs in. Its effective configuration
 // comes from sshd itself (`sshd -T`), for this user and a connection over the link.
+#include <arpa/inet.h>
 #include <fnmatch.h>
 #include <grp.h>
 #include <pwd.h>
@@ -9,6 +10,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 
 #include "dorve/doctor/checks.h"
 #include "dorve/doctor/command.h"
@@ -19,7 +21,6 @@
 namespace dorve {
 namespace {
 
-constexpr const char* kSshd = "/usr/sbin/sshd";
 constexpr const char* kSshdConfig = "/etc/ssh/sshd_config";
 
 bool hasSystemd() {
@@ -27,14 +28,30 @@ bool hasSystemd() {
 }
 
 std::string reloadCommand(const Situation& situation) {
-  if (hasSystemd()) return situation.asRoot("systemctl reload ssh");
+  // Under socket activation there may be no sshd to reload, which is no failure.
+  if (hasSystemd()) return situation.asRoot("systemctl try-reload-or-restart ssh");
   return situation.asRoot("pkill -HUP -o -x sshd");
 }
 
 /// Puts a line at the front of sshd's configuration, where it counts: sshd takes the first value that it
 /// reads.
+std::string configureFirst(const Situation& situation, const std::string& line) {
+  return situation.asRoot("sed --follow-symlinks -i '1i " + line + "' " + kSshdConfig) + " && " +
+         reloadCommand(situation);
+}
+
+/// The same for a setting of this user's logins. Match blocks overrule the lines above them, so there it goes
+/// into a Match block of its own, before the others.
 std::string configure(const Situation& situation, const std::string& line) {
-  return situation.asRoot("sed -i '1i " + line + "' " + kSshdConfig) + " && " + reloadCommand(situation);
+  const std::vector<std::string> lines = split(readRegularFile(kSshdConfig), "\n");
+  const bool matches = std::any_of(lines.begin(), lines.end(), [](const std::string& text) {
+    const std::vector<std::string> words = split(text, " \t");
+    return !words.empty() && toLower(words.front()) == "match";
+  });
+  if (!matches) return configureFirst(situation, line);
+  return situation.asRoot("sed --follow-symlinks -i '0,/^[ \\t]*Match /Is//Match User " + situation.user +
+                          " Address " + situation.peerAddress + "\\n    " + line + "\\n&/' " + kSshdConfig) +
+         " && " + reloadCommand(situation);
 }
 
 std::string startCommand(const Situation& situation) {
@@ -45,12 +62,34 @@ std::string startCommand(const Situation& situation) {
   return situation.asRoot("mkdir -p /run/sshd") + " && " + situation.asRoot(kSshd);
 }
 
-/// Whether `user` matches a pattern of AllowUsers and its relatives: USER or USER@HOST, with * and ?.
+/// Whether an address matches one pattern of sshd_config(5): with * and ?, or as a network with /BITS.
+bool matchesAddress(const std::string& pattern, const std::string& address) {
+  const std::size_t slash = pattern.find('/');
+  in_addr network = {};
+  in_addr own = {};
+  if (slash == std::string::npos || inet_pton(AF_INET, pattern.substr(0, slash).c_str(), &network) != 1) {
+    return fnmatch(pattern.c_str(), address.c_str(), 0) == 0;
+  }
+  inet_pton(AF_INET, address.c_str(), &own);
+  const int bits = std::clamp(std::atoi(pattern.c_str() + slash + 1), 0, 32);
+  const std::uint64_t mask = ~std::uint64_t{0} << (32 - bits);
+  return (ntohl(network.s_addr) & mask) == (ntohl(own.s_addr) & mask);
+}
+
+/// Whether a pattern of AllowUsers or DenyUsers names this user, coming from the other device: USER or
+/// USER@HOSTS. HOSTS is a list with commas, in which ! excludes.
 bool matchesUser(const std::string& pattern, const Situation& situation) {
   const std::size_t at = pattern.rfind('@');
-  const std::string host = at == std::string::npos ? "*" : pattern.substr(at + 1);
-  return fnmatch(pattern.substr(0, at).c_str(), situation.user.c_str(), 0) == 0 &&
-         fnmatch(host.c_str(), situation.peerAddress.c_str(), 0) == 0;
+  if (fnmatch(pattern.substr(0, at).c_str(), situation.user.c_str(), 0) != 0) return false;
+  if (at == std::string::npos) return true;
+  bool matches = false;
+  for (const std::string& host : split(pattern.substr(at + 1), ",")) {
+    const bool excludes = host.starts_with('!');
+    if (!matchesAddress(excludes ? host.substr(1) : host, situation.peerAddress)) continue;
+    if (excludes) return false;
+    matches = true;
+  }
+  return matches;
 }
 
 std::vector<std::string> groupsOf(const Situation& situation) {
@@ -107,6 +146,26 @@ bool readsOurFile(const Settings& settings, const Situation& situation) {
          });
 }
 
+/// A pattern of DenyUsers or DenyGroups that keeps this user out. The command takes out this pattern alone.
+std::optional<Check> judgeDenied(const std::string& name, const Settings& settings,
+                                 const Situation& situation,
+                                 const std::function<bool(const std::string&)>& matches) {
+  const std::vector<std::string> patterns = settings.words(toLower(name));
+  const auto found = std::find_if(patterns.begin(), patterns.end(), matches);
+  if (found == patterns.end()) return std::nullopt;
+  std::string literal;
+  for (const char c : *found)
+    literal += std::string_view(".*[]^$/\\").find(c) == std::string_view::npos ? std::string(1, c)
+                                                                               : std::string("\\") + c;
+  const std::string edit =
+      patterns.size() == 1 ? "/^ *" + name + " /Id" : "/^ *" + name + " /Is/ " + literal + "\\>//";
+  return Check{Verdict::FAIL, "sshd-config", name + " keeps " + situation.user + " out",
+               "sshd refuses this user",
+               situation.asRoot("sed --follow-symlinks -i '" + edit + "' $(grep -rli '^ *" + name +
+                                " ' /etc/ssh/sshd_config*)") +
+                   " && " + reloadCommand(situation)};
+}
+
 /// The first setting that keeps the other side out; nothing if all let it in.
 std::optional<Check> judgeSettings(const Settings& settings, const Situation& situation) {
   const auto refused = [&](const std::string& found, const std::string& cause, const std::string& line) {
@@ -120,30 +179,36 @@ std::optional<Check> judgeSettings(const Settings& settings, const Situation& si
     return refused("PermitRootLogin " + root, "sshd does not let root in with the new key",
                    "PermitRootLogin prohibit-password");
   }
+  const std::string forced = settings.first("forcecommand");
+  if (!forced.empty() && forced != "none") {
+    return refused("ForceCommand " + forced, "every login runs this command and no other",
+                   "ForceCommand none");
+  }
   if (!readsOurFile(settings, situation)) {
-    return refused("AuthorizedKeysFile " + settings.first("authorizedkeysfile"),
-                   "sshd does not read " + situation.authorizedKeys,
-                   "AuthorizedKeysFile .ssh/authorized_keys");
+    return refused(
+        "AuthorizedKeysFile " + settings.first("authorizedkeysfile"),
+        "sshd does not read " + situation.authorizedKeys,
+        "AuthorizedKeysFile .ssh/authorized_keys " + join(settings.words("authorizedkeysfile"), " "));
   }
   const std::vector<std::string> groups = groupsOf(situation);
   const std::vector<std::string> allowedUsers = settings.words("allowusers");
   const std::vector<std::string> allowedGroups = settings.words("allowgroups");
-  for (const char* name : {"DenyUsers", "DenyGroups"}) {
-    const std::vector<std::string> denied =
-        settings.words(std::string(name) == "DenyUsers" ? "denyusers" : "denygroups");
-    if (std::string(name) == "DenyUsers" ? listsUser(denied, situation) : listsGroup(denied, groups)) {
-      return Check{Verdict::FAIL, "sshd-config", std::string(name) + " keeps " + situation.user + " out",
-                   "sshd refuses the user who pairs",
-                   situation.asRoot(std::string("sed -i -E '/^ *") + name + " /Id' " + kSshdConfig) + " && " +
-                       reloadCommand(situation)};
-    }
+  if (const auto check = judgeDenied("DenyUsers", settings, situation, [&](const std::string& pattern) {
+        return matchesUser(pattern, situation);
+      })) {
+    return check;
+  }
+  if (const auto check = judgeDenied("DenyGroups", settings, situation, [&](const std::string& pattern) {
+        return listsGroup({pattern}, groups);
+      })) {
+    return check;
   }
   if (!allowedUsers.empty() && !listsUser(allowedUsers, situation)) {
-    return refused("AllowUsers does not name " + situation.user, "sshd refuses the user who pairs",
+    return refused("AllowUsers does not name " + situation.user, "sshd refuses this user",
                    "AllowUsers " + situation.user);
   }
   if (!allowedGroups.empty() && !listsGroup(allowedGroups, groups)) {
-    return refused("AllowGroups names no group of " + situation.user, "sshd refuses the user who pairs",
+    return refused("AllowGroups names no group of " + situation.user, "sshd refuses this user",
                    "AllowGroups " + (groups.empty() ? situation.user : groups.front()));
   }
   const std::vector<std::string> methods = settings.words("authenticationmethods");
@@ -153,8 +218,9 @@ std::optional<Check> judgeSettings(const Settings& settings, const Situation& si
     return refused("AuthenticationMethods " + methods.front(), "sshd wants more than a key",
                    "AuthenticationMethods any");
   }
-  const std::string algorithms = settings.first("pubkeyacceptedalgorithms");
-  if (!algorithms.empty() && algorithms.find("ssh-ed25519") == std::string::npos) {
+  const std::vector<std::string> algorithms = split(settings.first("pubkeyacceptedalgorithms"), ",");
+  if (!algorithms.empty() &&
+      std::find(algorithms.begin(), algorithms.end(), "ssh-ed25519") == algorithms.end()) {
     return refused("PubkeyAcceptedAlgorithms lacks ssh-ed25519", "sshd does not accept keys of this type",
                    "PubkeyAcceptedAlgorithms +ssh-ed25519");
   }
@@ -174,32 +240,33 @@ std::optional<Check> judgeShell(const Situation& situation) {
   const std::string shell = situation.shell.empty() ? "/bin/sh" : situation.shell;
   const bool refuses = shell.ends_with("/nologin") || shell.ends_with("/false");
   if (!refuses && access(shell.c_str(), X_OK) == 0) return std::nullopt;
-  return Check{Verdict::FAIL, "sshd-config", "the shell of " + situation.user + " is " + shell,
+  return Check{Verdict::FAIL, "shell", "the shell of " + situation.user + " is " + shell,
                "a login ends there at once", situation.asRoot("chsh -s /bin/sh " + situation.user)};
 }
 
-void judgeConfiguration(const Situation& situation, Report& report) {
-  if (const auto check = judgeShell(situation)) report.add(*check);
-  const std::string connection = "user=" + situation.user + ",host=" + situation.peerAddress +
-                                 ",addr=" + situation.peerAddress + ",laddr=" + situation.ownAddress +
-                                 ",lport=22";
-  const CommandResult result = runCommand({kSshd, "-T", "-C", connection}, situation.commandMs());
+Check judgeConfiguration(const Situation& situation) {
   constexpr const char* kName = "sshd-config";
-  if (result.end == CommandResult::End::NOT_FOUND) {
-    report.add({Verdict::SKIP, kName, "not checked: there is no " + std::string(kSshd)});
-  } else if (result.succeeded()) {
-    const auto check = judgeSettings(Settings(result.out), situation);
-    report.add(check.value_or(Check{Verdict::OK, kName, "lets " + situation.user + " in by key"}));
-  } else if (!situation.isRoot()) {
-    report.add({Verdict::SKIP, kName, "not checked: only root can read the whole configuration"});
-  } else if (result.err.find("no hostkeys") != std::string::npos) {
-    report.add(
-        {Verdict::FAIL, kName, "sshd has no host keys", "it cannot start without them", "ssh-keygen -A"});
-  } else {
-    const std::string repair = disableLine(result.message());
-    report.add({Verdict::FAIL, kName, result.message(), "sshd does not start with this configuration",
-                repair.empty() ? std::string(kSshd) + " -t" : repair});
+  const CommandResult& result = situation.sshdTest;
+  if (result.succeeded()) {
+    return judgeSettings(Settings(result.out), situation)
+        .value_or(Check{Verdict::OK, kName, "lets " + situation.user + " in by key"});
   }
+  if (result.end != CommandResult::End::EXITED) {
+    return {Verdict::SKIP, kName, "not checked: " + std::string(kSshd) + ": " + result.message()};
+  }
+  if (!situation.isRoot()) {
+    return {Verdict::SKIP, kName, "not checked: only root can read the whole configuration"};
+  }
+  if (result.err.find("no hostkeys") != std::string::npos) {
+    return {Verdict::FAIL, kName, "sshd has no host keys", "it cannot start without them", "ssh-keygen -A"};
+  }
+  // The directory is missing until sshd is started.
+  if (result.err.find("privilege separation directory") != std::string::npos) {
+    return {Verdict::SKIP, kName, "not checked: sshd has not run since the last boot"};
+  }
+  const std::string repair = disableLine(result.message());
+  return {Verdict::FAIL, kName, result.message(), "sshd does not start with this configuration",
+          repair.empty() ? std::string(kSshd) + " -t" : repair};
 }
 
 /// An sshd that listens, but not on port 22 of the link's address.
@@ -210,11 +277,11 @@ std::optional<Check> judgeMisplaced(const std::vector<Listener>& listeners, cons
     if (covers(listener, situation.ownAddress)) {
       return Check{Verdict::FAIL, "sshd",
                    "sshd listens on port " + std::to_string(listener.port) + ", not on 22",
-                   "the other device's ssh goes to port 22", configure(situation, "Port 22")};
+                   "the other device's ssh goes to port 22", configureFirst(situation, "Port 22")};
     }
     return Check{Verdict::FAIL, "sshd", "sshd listens on other addresses than " + situation.ownAddress,
                  "the other device cannot reach those",
-                 configure(situation, "ListenAddress " + situation.ownAddress)};
+                 configureFirst(situation, "ListenAddress " + situation.ownAddress)};
   }
   return std::nullopt;
 }
@@ -223,11 +290,8 @@ std::optional<Check> judgeMisplaced(const std::vector<Listener>& listeners, cons
 Check judgeListening(const Situation& situation) {
   const auto listeners = listListeners();
   if (!listeners) return {Verdict::SKIP, "sshd", "not checked: /proc does not tell"};
-  const auto expected = std::find_if(listeners->begin(), listeners->end(), [&](const Listener& listener) {
-    return listener.port == kSshPort && covers(listener, situation.ownAddress);
-  });
-  if (expected != listeners->end()) {
-    const auto owner = findOwner(*expected);
+  if (const Listener* listener = findListener(*listeners, situation.ownAddress, kSshPort)) {
+    const auto owner = findOwner(*listener);
     return {Verdict::OK, "sshd", (owner ? owner->name : "a process of another user") + " listens on port 22"};
   }
   return judgeMisplaced(*listeners, situation)
@@ -238,8 +302,16 @@ Check judgeListening(const Situation& situation) {
 }  // namespace
 
 void checkSshd(const Situation& situation, Report& report) {
-  if (!situation.user.empty()) judgeConfiguration(situation, report);
+  if (situation.user.empty()) {
+    report.add(judgeListening(situation));
+    return;
+  }
+  if (const auto check = judgeShell(situation)) report.add(*check);
+  // A configuration that is wrong may be why sshd does not listen.
+  const Check configuration = judgeConfiguration(situation);
+  if (configuration.verdict == Verdict::FAIL) report.add(configuration);
   report.add(judgeListening(situation));
+  if (configuration.verdict != Verdict::FAIL) report.add(configuration);
 }
 
 }  // namespace dorve

@@ -128,7 +128,8 @@ CommandResult runCommand(const std::vector<std::string>& words, int timeoutMs, s
   }
 
   int status = 0;
-  while (waitpid(child, &status, WNOHANG) == 0) {
+  pid_t ended = 0;
+  while ((ended = waitpid(child, &status, WNOHANG)) == 0) {
     if (remainingMs() == 0) {
       kill(-child, SIGKILL);
       waitpid(child, &status, 0);
@@ -137,6 +138,7 @@ CommandResult runCommand(const std::vector<std::string>& words, int timeoutMs, s
     }
     sleepMs(kReapMs);
   }
+  if (ended < 0) return result;
   result.end = CommandResult::End::EXITED;
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   return result;

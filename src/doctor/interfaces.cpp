@@ -86,12 +86,15 @@ const Interface* findByAddress(const std::vector<Interface>& interfaces, std::st
 }
 
 const Interface* guessLink(const std::vector<Interface>& interfaces) {
-  const Interface* best = nullptr;
+  std::vector<const Interface*> candidates;
   for (const Interface& interface : interfaces) {
-    if (interface.loopback || interface.uplink) continue;
-    if (best == nullptr || (interface.carrier && !best->carrier)) best = &interface;
+    if (!interface.loopback && !interface.uplink && interface.addresses.empty())
+      candidates.push_back(&interface);
   }
-  return best;
+  if (candidates.size() > 1) {
+    std::erase_if(candidates, [](const Interface* candidate) { return !candidate->carrier; });
+  }
+  return candidates.size() == 1 ? candidates.front() : nullptr;
 }
 
 std::string describe(const std::vector<Interface>& interfaces) {

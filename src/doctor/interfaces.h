@@ -35,7 +35,8 @@ const Interface* findByName(const std::vector<Interface>& interfaces, std::strin
 /// The interface with that address, or null.
 const Interface* findByAddress(const std::vector<Interface>& interfaces, std::string_view address);
 
-/// The interface that the cable is most likely in: neither loopback nor uplink, with a carrier if one has.
+/// The interface that the cable must be in: the only one without an address, or the only such with a carrier.
+/// Null if several may be it.
 const Interface* guessLink(const std::vector<Interface>& interfaces);
 
 /// The names and states of all but the loopback interface, in one line.

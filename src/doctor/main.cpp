@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 // dorve-doctor: reads its arguments, runs the checks in order, maps their result to a status.
+#include <signal.h>
+
 #include <charconv>
 #include <cstring>
 #include <iostream>
@@ -15,8 +17,8 @@ constexpr int kMaxTimeoutSeconds = 60;
 constexpr const char* kUsage = "usage: dorve-doctor [--json] [--timeout SECONDS] [client|server]\n";
 constexpr const char* kHelp =
     "Says why a pairing, or a login after it, does not work, and what to type against it. Changes nothing.\n"
-    "Run it as the user who runs dorve-client or dorve-server. Without a word it finds out which side this\n"
-    "device is.\n\n"
+    "Run it as the user who runs dorve-client or dorve-server. Without client or server it finds out which\n"
+    "side this device is.\n\n"
     "  --json             print one JSON object for each check\n"
     "  --timeout SECONDS  wait that long for an answer, 1 to 60; the default is 3\n"
     "  --help             print this text\n"
@@ -70,12 +72,19 @@ int examine(const Options& options) {
   dorve::checkSshd(situation, report);
   const bool sshIsOpen = dorve::checkPeer(situation, report);
   dorve::checkPairing(situation, sshIsOpen, report);
-  return report.finish();
+  const int status = report.finish();
+  if (!std::cout) {
+    std::cerr << "dorve-doctor: cannot write to standard output\n";
+    return 1;
+  }
+  return status;
 }
 
 }  // namespace
 
 int main(int count, char** arguments) {
+  // Ignored, as a caller may leave it, the system would not keep the status of the programs that are run.
+  signal(SIGCHLD, SIG_DFL);
   for (int i = 1; i < count; ++i) {
     if (std::strcmp(arguments[i], "--help") == 0) {
       std::cout << kUsage << kHelp;

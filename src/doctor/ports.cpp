@@ -171,13 +171,25 @@ std::optional<std::vector<Listener>> listListeners() {
   return listeners;
 }
 
-bool covers(const Listener& listener, std::string_view address) {
-  if (listener.scope.find_first_not_of('0') == std::string::npos) return true;  // every address
+bool covers(const Listener& listener, const std::string& address) {
+  constexpr int kOwnAddressMs = 200;
+  if (listener.scope.find_first_not_of('0') == std::string::npos) {
+    const bool isIpv4 = listener.scope.size() == 8;
+    return isIpv4 || probePorts(address, {listener.port}, kOwnAddressMs).front() != PortState::REFUSED;
+  }
   in_addr binary = {};
-  inet_pton(AF_INET, std::string(address).c_str(), &binary);
+  inet_pton(AF_INET, address.c_str(), &binary);
   char hex[9];
   std::snprintf(hex, sizeof hex, "%08X", binary.s_addr);
   return listener.scope == hex || listener.scope == std::string(kMapped) + hex;
+}
+
+const Listener* findListener(const std::vector<Listener>& listeners, const std::string& address,
+                             std::uint16_t port) {
+  const auto found = std::find_if(listeners.begin(), listeners.end(), [&](const Listener& listener) {
+    return listener.port == port && covers(listener, address);
+  });
+  return found == listeners.end() ? nullptr : &*found;
 }
 
 std::optional<ProcessInfo> findOwner(const Listener& listener) {

@@ -30,8 +30,13 @@ struct Listener {
 /// All listening TCP sockets; nothing if /proc does not tell.
 std::optional<std::vector<Listener>> listListeners();
 
-/// Whether a connection to `address` (dotted decimal) reaches the listener.
-bool covers(const Listener& listener, std::string_view address);
+/// Whether the listener takes connections to `address` (dotted decimal). One for every IPv6 address may take
+/// those for IPv4 or not, so a connection is probed.
+bool covers(const Listener& listener, const std::string& address);
+
+/// The listener that takes connections to the address and port; null if there is none.
+const Listener* findListener(const std::vector<Listener>& listeners, const std::string& address,
+                             std::uint16_t port);
 
 /// The process that holds the listener's socket, if this user may see it.
 std::optional<ProcessInfo> findOwner(const Listener& listener);

@@ -90,7 +90,8 @@ void Report::add(const Check& check) {
   const std::string found = printable(check.found);
   const std::string cause = printable(check.cause);
   const std::string command = printable(check.command);
-  std::string& first = check.verdict == Verdict::FAIL ? firstRemedy : nextStep;
+  const bool wrong = check.verdict == Verdict::FAIL || check.verdict == Verdict::WARN;
+  std::string& first = wrong ? firstRemedy : nextStep;
   if (first.empty()) first = command;
 
   const VerdictStyle& style = styleOf(check.verdict);
@@ -109,7 +110,7 @@ int Report::finish() const {
   const int status = failed > 0 ? 1 : 0;
   if (format == Format::JSON) return status;
   std::cout << (failed > 0 ? std::to_string(failed) : "Nothing") << " failed.";
-  if (failed > 0) {
+  if (!firstRemedy.empty()) {
     std::cout << " First: " << firstRemedy;
   } else if (!nextStep.empty()) {
     std::cout << " Next: " << nextStep;

@@ -48,8 +48,8 @@ class Report {
   bool colour;
   std::size_t width;
   int failed = 0;
-  std::string firstRemedy;  ///< of a check that failed
-  std::string nextStep;     ///< of one that did not
+  std::string firstRemedy;  ///< of what failed, or is to be looked at
+  std::string nextStep;     ///< of what did not
 };
 
 }  // namespace dorve

@@ -44,7 +44,7 @@ std::string disableLine(const std::string& message) {
   if (end == number || end == std::string::npos || message[end] != ':') return "";
   std::string file = message.substr(0, place);
   if (file.ends_with(':')) file.pop_back();
-  return "sed -i '" + message.substr(number, end - number) + "s/^/#/' " + shellWord(file);
+  return "sed --follow-symlinks -i '" + message.substr(number, end - number) + "s/^/#/' " + shellWord(file);
 }
 
 }  // namespace dorve

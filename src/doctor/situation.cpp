@@ -8,7 +8,8 @@
 
 #include "dorve/client/ssh_directory.h"
 #include "dorve/doctor/ports.h"
-#include "dorve/keys/file_text.h"
+#include "dorve/doctor/settings.h"
+#include "dorve/doctor/text.h"
 #include "dorve/keys/key_material.h"
 #include "dorve/protocol/endpoints.h"
 
@@ -56,22 +57,28 @@ void guessRole(Situation& situation) {
   if (const Interface* link = findByAddress(situation.interfaces, kClientAddress)) {
     return setRole(situation, Role::CLIENT, link->name + " has " + kClientAddress);
   }
-  const std::string config = readFileText(situation.config).value_or("");
+  const std::string config = readRegularFile(situation.config);
   if (config.find(std::string("Host ") + kClientAddress) != std::string::npos) {
     return setRole(situation, Role::SERVER, std::string("ssh's config names ") + kClientAddress);
   }
-  const std::string named = findByName(situation.interfaces, kLinkInterface) != nullptr
-                                ? std::string(kLinkInterface) + " is here"
-                                : "a guess";
-  setRole(situation, Role::CLIENT, named + "; on the server, type: dorve-doctor server");
+  setRole(situation, Role::CLIENT, "a guess");
+  situation.roleIsGuess = true;
 }
 
 }  // namespace
 
-int Situation::commandMs() const {
+int Situation::remainingMs() const {
   const auto left =
       std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-  return std::clamp(static_cast<int>(left.count()), kShortestMs, std::max(kCommandMs, timeoutMs));
+  return std::max(static_cast<int>(left.count()), kShortestMs);
+}
+
+int Situation::commandMs() const {
+  return std::min(remainingMs(), std::max(kCommandMs, timeoutMs));
+}
+
+int Situation::answerMs() const {
+  return std::min(remainingMs(), timeoutMs);
 }
 
 const Interface* Situation::link() const {
@@ -112,6 +119,11 @@ Situation examineSituation(std::optional<Role> role, int timeoutMs) {
   } else {
     guessRole(situation);
   }
+  const std::string connection = "user=" + situation.user + ",host=" + situation.peerAddress +
+                                 ",addr=" + situation.peerAddress + ",laddr=" + situation.ownAddress +
+                                 ",lport=22";
+  situation.sshdTest = runCommand({kSshd, "-T", "-C", connection}, situation.commandMs());
+  situation.strictModes = Settings(situation.sshdTest.out).first("strictmodes") != "no";
   const auto running = findProcesses(situation.program);
   situation.programRuns = running && !running->empty();
   return situation;

@@ -11,9 +11,12 @@
 #include <string_view>
 #include <vector>
 
+#include "dorve/doctor/command.h"
 #include "dorve/doctor/interfaces.h"
 
 namespace dorve {
+
+constexpr const char* kSshd = "/usr/sbin/sshd";
 
 enum class Role : std::uint8_t { CLIENT, SERVER };
 
@@ -21,6 +24,7 @@ enum class Role : std::uint8_t { CLIENT, SERVER };
 struct Situation {
   Role role = Role::CLIENT;
   std::string roleReason;
+  bool roleIsGuess = false;
   std::string program;  ///< dorve-client or dorve-server
   std::string peerProgram;
   std::string ownAddress;
@@ -34,7 +38,9 @@ struct Situation {
   std::string home;   ///< of the password database, which ssh and sshd go by
   std::string shell;  ///< of the password database
 
-  std::string sshDir;  ///< as both programs find it; empty if there is none
+  std::string sshDir;      ///< as both programs find it; empty if there is none
+  CommandResult sshdTest;  ///< of `sshd -T`: the configuration that it applies to the other side's login here
+  bool strictModes = true;  ///< sshd wants safe owners and modes
   std::string privateKey;
   std::string authorizedKeys;
   std::string config;
@@ -45,8 +51,14 @@ struct Situation {
   /// The time that a program of this device may take now: a few seconds, but not beyond the deadline.
   int commandMs() const;
 
+  /// The time that the other device has for an answer now.
+  int answerMs() const;
+
   /// The interface of the link: by the own address, else by its name on the client; null if there is none.
   const Interface* link() const;
+
+  /// The time until the deadline, but never none.
+  int remainingMs() const;
 
   bool isRoot() const { return userId == 0; }
 
@@ -55,6 +67,9 @@ struct Situation {
 
   /// A command that is to be typed on the other device.
   std::string onPeer(const std::string& command) const;
+
+  /// "client" or "server".
+  const char* roleName() const { return role == Role::CLIENT ? "client" : "server"; }
 
   /// The doctor, on the other device.
   std::string doctorThere() const;

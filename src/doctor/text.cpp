@@ -1,10 +1,19 @@
 // SPDX-License-Identifier: MIT
 #include "dorve/doctor/text.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cctype>
 
+#include "dorve/keys/file_text.h"
+
 namespace dorve {
+namespace {
+
+constexpr off_t kMaxFileSize = 64 << 20;  // bytes
+
+}  // namespace
 
 std::vector<std::string> split(std::string_view text, std::string_view separators) {
   std::vector<std::string> parts;
@@ -49,6 +58,13 @@ std::string shellWord(std::string_view word) {
     }
   }
   return quoted + "'";
+}
+
+std::string readRegularFile(const std::string& path) {
+  struct stat status = {};
+  const bool readable =
+      stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size <= kMaxFileSize;
+  return readable ? readFileText(path).value_or("") : "";
 }
 
 }  // namespace dorve

@@ -16,6 +16,12 @@ import lab as laboratory  # noqa: E402
 def pytest_addoption(parser):
     parser.addoption("--build", default=CHECKOUT / "build/release", type=pathlib.Path,
                      help="the folder that holds the programs")
+    parser.addoption("--part", default="1/1", help="N/M runs the Nth of M parts of the tests")
+
+
+def pytest_collection_modifyitems(config, items):
+    part, parts = map(int, config.getoption("--part").split("/"))
+    items[:] = items[part - 1::parts]
 
 
 @pytest.fixture
@@ -59,6 +65,12 @@ def sshd_lab():
     """Two hosts that run sshd."""
     with contextlib.ExitStack() as stack:
         yield _start(stack, sshd=True)
+
+
+@pytest.fixture(scope="session")
+def start_lab():
+    """Starts a lab that ends with a contextlib.ExitStack, or skips the test."""
+    return _start
 
 
 def _start(stack, **options):

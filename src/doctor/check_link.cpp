@@ -178,10 +178,8 @@ void checkPort(const Situation& situation, Report& report) {
 }
 
 bool checkPeer(const Situation& situation, Report& report) {
-  const bool client = situation.role == Role::CLIENT;
-  std::vector<std::uint16_t> ports = {kSshPort};
-  if (client) ports.push_back(kPort);
-  const std::vector<PortState> states = probePorts(situation.peerAddress, ports, situation.answerMs());
+  const std::vector<PortState> states =
+      probePorts(situation.peerAddress, {kSshPort, kPort}, situation.answerMs());
   const PortState ssh = states.front();
   if (ssh == PortState::NO_ROUTE) {
     report.add({Verdict::FAIL, "peer", "this device has no route to " + situation.peerAddress,
@@ -189,14 +187,17 @@ bool checkPeer(const Situation& situation, Report& report) {
                 "ip route get " + situation.peerAddress});
     return false;
   }
-  if (ssh == PortState::NO_NEIGHBOUR) {
-    report.add({Verdict::FAIL, "peer", "nobody on the link answers for " + situation.peerAddress,
-                "the other device lacks the address, or its end of the link is down",
-                situation.doctorThere()});
+  // The kernel remembers a neighbour that is gone for a while, so silence on both ports counts as its
+  // absence.
+  if (std::all_of(states.begin(), states.end(), [](PortState state) {
+        return state == PortState::NO_NEIGHBOUR || state == PortState::SILENT;
+      })) {
+    report.add({Verdict::FAIL, "peer", situation.peerAddress + " does not answer on the link",
+                "it lacks the address, is cut off, or a firewall drops everything", situation.doctorThere()});
     return false;
   }
   report.add({Verdict::OK, "peer", situation.peerAddress + " answers on the link"});
-  if (client) report.add(judgePeerServer(situation, states.back()));
+  if (situation.role == Role::CLIENT) report.add(judgePeerServer(situation, states.back()));
   if (ssh == PortState::REFUSED) {
     report.add({Verdict::FAIL, "peer-22", "port 22 of " + situation.peerAddress + " refuses connections",
                 "no sshd listens there, so no login is possible", situation.doctorThere()});

@@ -27,7 +27,7 @@
 namespace dorve {
 namespace {
 
-constexpr std::uint64_t kBytesNeeded = 64 * 1024;  // a pairing writes less than half of that
+constexpr std::uint64_t kBytesNeeded = 65536;  // a pairing writes less than half of that
 
 std::string octal(mode_t mode) {
   char text[8];

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <filesystem>
 #include <functional>
 
@@ -71,7 +72,9 @@ bool matchesAddress(const std::string& pattern, const std::string& address) {
     return fnmatch(pattern.c_str(), address.c_str(), 0) == 0;
   }
   inet_pton(AF_INET, address.c_str(), &own);
-  const int bits = std::clamp(std::atoi(pattern.c_str() + slash + 1), 0, 32);
+  int bits = 0;
+  std::from_chars(pattern.data() + slash + 1, pattern.data() + pattern.size(), bits);
+  bits = std::clamp(bits, 0, 32);
   const std::uint64_t mask = ~std::uint64_t{0} << (32 - bits);
   return (ntohl(network.s_addr) & mask) == (ntohl(own.s_addr) & mask);
 }
@@ -154,9 +157,10 @@ std::optional<Check> judgeDenied(const std::string& name, const Settings& settin
   const auto found = std::find_if(patterns.begin(), patterns.end(), matches);
   if (found == patterns.end()) return std::nullopt;
   std::string literal;
-  for (const char c : *found)
-    literal += std::string_view(".*[]^$/\\").find(c) == std::string_view::npos ? std::string(1, c)
-                                                                               : std::string("\\") + c;
+  for (const char c : *found) {
+    if (std::string_view(".*[]^$/\\").find(c) != std::string_view::npos) literal += '\\';
+    literal += c;
+  }
   const std::string edit =
       patterns.size() == 1 ? "/^ *" + name + " /Id" : "/^ *" + name + " /Is/ " + literal + "\\>//";
   return Check{Verdict::FAIL, "sshd-config", name + " keeps " + situation.user + " out",
@@ -193,14 +197,12 @@ std::optional<Check> judgeSettings(const Settings& settings, const Situation& si
   const std::vector<std::string> groups = groupsOf(situation);
   const std::vector<std::string> allowedUsers = settings.words("allowusers");
   const std::vector<std::string> allowedGroups = settings.words("allowgroups");
-  if (const auto check = judgeDenied("DenyUsers", settings, situation, [&](const std::string& pattern) {
-        return matchesUser(pattern, situation);
-      })) {
+  if (auto check = judgeDenied("DenyUsers", settings, situation,
+                               [&](const std::string& pattern) { return matchesUser(pattern, situation); })) {
     return check;
   }
-  if (const auto check = judgeDenied("DenyGroups", settings, situation, [&](const std::string& pattern) {
-        return listsGroup({pattern}, groups);
-      })) {
+  if (auto check = judgeDenied("DenyGroups", settings, situation,
+                               [&](const std::string& pattern) { return listsGroup({pattern}, groups); })) {
     return check;
   }
   if (!allowedUsers.empty() && !listsUser(allowedUsers, situation)) {

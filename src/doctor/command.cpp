@@ -17,8 +17,6 @@
 #include "dorve/doctor/text.h"
 #include "dorve/util/sleep.h"
 
-extern char** environ;
-
 namespace dorve {
 namespace {
 

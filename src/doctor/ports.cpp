@@ -219,6 +219,7 @@ std::vector<PortState> probePorts(const std::string& address, const std::vector<
   using Clock = std::chrono::steady_clock;
   const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
   std::vector<std::unique_ptr<Probe>> probes;
+  probes.reserve(ports.size());
   for (const std::uint16_t port : ports) probes.push_back(std::make_unique<Probe>(address, port));
   while (true) {
     std::vector<pollfd> waiting;

@@ -123,7 +123,8 @@ void Report::printLine(std::string line) const {
   if (line.size() > width) {
     std::size_t end = width - std::min<std::size_t>(width, 3);
     while (end > 0 && (static_cast<unsigned char>(line[end]) & 0xC0) == 0x80) --end;  // no half characters
-    line = line.substr(0, end) + "...";
+    line.resize(end);
+    line += "...";
   }
   const auto style = std::find_if(kStyles.begin(), kStyles.end(), [&](const VerdictStyle& candidate) {
     return line.starts_with(std::string(candidate.word) + ' ');

@@ -33,7 +33,7 @@ class Report {
  public:
   enum class Format : std::uint8_t { TEXT, JSON };
 
-  explicit Report(Format format);
+  explicit Report(Format wanted);
 
   void add(const Check& check);
 

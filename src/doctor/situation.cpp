@@ -45,7 +45,6 @@ void setRole(Situation& situation, Role role, std::string reason) {
   situation.role = role;
   situation.roleReason = std::move(reason);
   situation.program = client ? "dorve-client" : "dorve-server";
-  situation.peerProgram = client ? "dorve-server" : "dorve-client";
   situation.ownAddress = client ? kClientAddress : kServerAddress;
   situation.peerAddress = client ? kServerAddress : kClientAddress;
 }

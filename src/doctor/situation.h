@@ -25,25 +25,24 @@ struct Situation {
   Role role = Role::CLIENT;
   std::string roleReason;
   bool roleIsGuess = false;
-  std::string program;  ///< dorve-client or dorve-server
-  std::string peerProgram;
+  std::string program;  ///< of this side: dorve-client or dorve-server
+  bool programRuns = false;
   std::string ownAddress;
   std::string peerAddress;
   std::vector<Interface> interfaces;
-
-  bool programRuns = false;  ///< this side's program is under way
 
   uid_t userId = 0;
   std::string user;   ///< empty if the password database does not know the user
   std::string home;   ///< of the password database, which ssh and sshd go by
   std::string shell;  ///< of the password database
 
-  std::string sshDir;      ///< as both programs find it; empty if there is none
-  CommandResult sshdTest;  ///< of `sshd -T`: the configuration that it applies to the other side's login here
-  bool strictModes = true;  ///< sshd wants safe owners and modes
+  std::string sshDir;  ///< as both programs find it; empty if there is none
   std::string privateKey;
   std::string authorizedKeys;
   std::string config;
+
+  CommandResult sshdTest;   ///< `sshd -T`: the configuration that sshd applies to a login of the other side
+  bool strictModes = true;  ///< sshd wants safe owners and modes
 
   int timeoutMs = 0;                               ///< for an answer of the other device
   std::chrono::steady_clock::time_point deadline;  ///< of all checks together

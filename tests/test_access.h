@@ -42,6 +42,16 @@ struct TestAccess {
     return client.receiveResponse(buffer, sizeof buffer, &received, timeoutMs);
   }
 
+  /// One phase of a client, 0 to 4, on a connection that the test made.
+  static bool phase(DorveClient& client, NqSocket&& connection, std::size_t number) {
+    using Phase = bool (DorveClient::*)();
+    constexpr Phase kPhases[] = {&DorveClient::phaseVersionNegotiation, &DorveClient::phaseExchangeKeys,
+                                 &DorveClient::phaseVerifyKeys, &DorveClient::phaseInstallKeys,
+                                 &DorveClient::phaseConfirm};
+    client.socket = std::move(connection);
+    return (client.*kPhases[number])();
+  }
+
   static void transition(DorveClient& client, int state) {
     client.transitionTo(static_cast<ClientState>(state));
   }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // What a pairing leaves on this device, and the login that it is for. ssh and ssh-keygen judge their own
 // files.
-#include <pwd.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -9,6 +8,7 @@
 
 #include "dorve/doctor/checks.h"
 #include "dorve/doctor/command.h"
+#include "dorve/doctor/login.h"
 #include "dorve/doctor/settings.h"
 #include "dorve/doctor/text.h"
 #include "dorve/keys/key_material.h"
@@ -17,8 +17,6 @@ namespace dorve {
 namespace {
 
 constexpr std::size_t kMaxKeyLine = 4095;  // the protocol carries no longer key
-constexpr uid_t kFirstUserId = 1000;       // of ordinary users, on Debian
-constexpr uid_t kNobody = 65534;
 
 std::vector<std::string> pairingLines(const Situation& situation) {
   std::vector<std::string> lines = split(readRegularFile(situation.authorizedKeys), "\n");
@@ -33,10 +31,6 @@ bool isNewer(const std::string& path, const std::string& other) {
   const auto time = std::filesystem::last_write_time(path, first);
   const auto otherTime = std::filesystem::last_write_time(other, second);
   return !first && !second && time > otherTime;
-}
-
-std::string hostLine(const Situation& situation) {
-  return "Host " + situation.peerAddress;
 }
 
 /// What ssh-keygen says of a public key line.
@@ -153,7 +147,7 @@ std::vector<Setting> findOverridden(const Settings& settings, const Situation& s
 /// Puts the settings in front of all others, because ssh takes the first value that it reads. The last line
 /// makes what stood first apply to all hosts again.
 std::string preferCommand(const std::vector<Setting>& settings, const Situation& situation) {
-  std::string lines = hostLine(situation);
+  std::string lines = situation.hostLine();
   for (const Setting& setting : settings)
     lines += std::string("\\n    ") + setting.name + " " + setting.value;
   return "sed --follow-symlinks -i '1i " + lines + "\\nHost *' " + shellWord(situation.config);
@@ -170,8 +164,8 @@ Check judgeConfig(const CommandResult& result, bool loginWorks, const Situation&
     return {Verdict::FAIL, kName, result.message(), "ssh does not run with this configuration",
             repair.empty() ? "ssh -G " + situation.peerAddress : repair};
   }
-  if (!loginWorks && readRegularFile(situation.config).find(hostLine(situation)) == std::string::npos) {
-    return {Verdict::FAIL, kName, situation.config + " has no " + hostLine(situation),
+  if (!loginWorks && readRegularFile(situation.config).find(situation.hostLine()) == std::string::npos) {
+    return {Verdict::FAIL, kName, situation.config + " has no " + situation.hostLine(),
             "the pairing did not end, or the block could not be stored", situation.pairAgain()};
   }
   const Settings settings(result.out);
@@ -187,99 +181,12 @@ Check judgeConfig(const CommandResult& result, bool loginWorks, const Situation&
           preferCommand(wrong, situation)};
 }
 
-/// One login to the other device that leaves no trace here: no host key is stored, nothing is forwarded and
-/// no connection is shared. Where the configuration checks host keys, so does this login.
-CommandResult tryLogin(const Situation& situation, const Settings& settings, const std::string& user) {
-  const std::string checking = settings.first("stricthostkeychecking");
-  const bool checks =
-      checking != "no" && checking != "false" && checking != "off" && checking != "accept-new";
-  std::vector<std::string> words = {"ssh", "-n", "-T"};
-  for (const char* option :
-       {"BatchMode=yes", "ControlMaster=no", "ControlPath=none", "ClearAllForwardings=yes", "ForwardX11=no",
-        "ForwardAgent=no", "AddKeysToAgent=no", "PermitLocalCommand=no", "RemoteCommand=none",
-        "SessionType=default", "Tunnel=no", "UpdateHostKeys=no", "LogLevel=ERROR"}) {
-    words.insert(words.end(), {"-o", option});
-  }
-  words.insert(words.end(),
-               {"-o", "ConnectTimeout=" + std::to_string(std::max(1, situation.timeoutMs / 1000))});
-  words.insert(words.end(), {"-o", checks ? "StrictHostKeyChecking=yes" : "StrictHostKeyChecking=no"});
-  if (!checks) words.insert(words.end(), {"-o", "UserKnownHostsFile=/dev/null"});
-  if (!user.empty()) words.insert(words.end(), {"-l", user});
-  words.insert(words.end(), {situation.peerAddress, "true"});
-  return runCommand(words, situation.commandMs());
-}
-
-/// The name that the user who paired on the other device most likely has, if not the one that ssh tried: this
-/// user's, root, or the first ordinary user of this device. One guess only, because sshd locks an address out
-/// after several failures.
-std::string likelyUser(const std::string& tried, const Situation& situation) {
-  if (tried != situation.user) return situation.user;
-  if (!situation.isRoot()) return "root";
-  std::string name;
-  setpwent();
-  while (const passwd* entry = getpwent()) {
-    if (name.empty() && entry->pw_uid >= kFirstUserId && entry->pw_uid < kNobody) name = entry->pw_name;
-  }
-  endpwent();
-  return name;
-}
-
-bool isRefusal(const CommandResult& login) {
-  return login.err.find("Permission denied") != std::string::npos;
-}
-
-struct Explanation {
-  const char* words;  ///< in what ssh prints
-  const char* cause;
-};
-constexpr Explanation kExplanations[] = {
-    {"banner exchange", "something accepts port 22 there, but no sshd answers"},
-    {"No route to host", "nobody answers for the address, or a firewall rejects port 22"},
-    {"Connection refused", "no sshd listens on port 22 there"},
-    {"timed out", "a firewall there drops port 22, or the device is overloaded"},
-    {"Host key verification failed", "ssh checks host keys, and does not know this one"},
-    {"host key is known", "ssh checks host keys, and does not know this one"},
-    {"Too many authentication failures", "ssh offers other keys first; IdentitiesOnly is not in force"},
-    {"Connection closed", "sshd there ended the connection; its log says why"},
-    {"Connection reset", "sshd there ended the connection; its log says why"},
-};
-
-Check explainRefusal(const Situation& situation, const Settings& settings) {
-  const std::string user = likelyUser(settings.first("user"), situation);
-  if (!user.empty() && tryLogin(situation, settings, user).succeeded()) {
-    return {Verdict::FAIL, "login",
-            situation.peerAddress + " lets " + user + " in, not " + settings.first("user"),
-            "the pairing there ran as " + user,
-            "sed --follow-symlinks -i '1i " + hostLine(situation) + "\\n    User " + user + "\\nHost *' " +
-                shellWord(situation.config)};
-  }
-  return {Verdict::FAIL, "login", situation.peerAddress + " refuses the key for " + settings.first("user"),
-          "it holds another key; if that is not it, dorve-doctor there says more", situation.pairAgain()};
-}
-
-Check explainLogin(const CommandResult& result, const Situation& situation, const Settings& settings) {
-  if (isRefusal(result)) return explainRefusal(situation, settings);
-  if (result.end == CommandResult::End::EXITED && result.status != 255) {
-    return {Verdict::FAIL, "login", "the key is accepted, but no command runs: " + result.message(),
-            "the user's shell there, or a forced command, ends every login", situation.doctorThere()};
-  }
-  if (result.end == CommandResult::End::TIMED_OUT) {
-    return {Verdict::FAIL, "login", "ssh did not end in time",
-            "the other device is slow, or packets are lost", "dorve-doctor --timeout 10"};
-  }
-  const auto* const known =
-      std::find_if(std::begin(kExplanations), std::end(kExplanations),
-                   [&](const Explanation& e) { return result.err.find(e.words) != std::string::npos; });
-  return {Verdict::FAIL, "login", result.message(), known == std::end(kExplanations) ? "" : known->cause,
-          situation.doctorThere()};
-}
-
 }  // namespace
 
 bool isPaired(const Situation& situation) {
   if (situation.sshDir.empty()) return false;
   const std::string config = readRegularFile(situation.config);
-  return !pairingLines(situation).empty() || config.find(hostLine(situation)) != std::string::npos;
+  return !pairingLines(situation).empty() || config.find(situation.hostLine()) != std::string::npos;
 }
 
 void checkPairing(const Situation& situation, bool sshIsOpen, Report& report) {
@@ -301,7 +208,7 @@ void checkPairing(const Situation& situation, bool sshIsOpen, Report& report) {
   } else if (!sshIsOpen || !config.succeeded()) {
     report.add({Verdict::SKIP, "login", "not tried, for the reasons above"});
   } else {
-    report.add(explainLogin(login, situation, settings));
+    report.add(explainFailure(login, situation, settings));
   }
 }
 

@@ -1,18 +1,14 @@
 // SPDX-License-Identifier: MIT
 // sshd on this device, as far as it decides whether the other side's key logs in. Its effective configuration
 // comes from sshd itself (`sshd -T`), for this user and a connection over the link.
-#include <arpa/inet.h>
-#include <fnmatch.h>
-#include <grp.h>
-#include <pwd.h>
 #include <shadow.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <filesystem>
 #include <functional>
 
+#include "dorve/doctor/access_lists.h"
 #include "dorve/doctor/checks.h"
 #include "dorve/doctor/command.h"
 #include "dorve/doctor/ports.h"
@@ -61,64 +57,6 @@ std::string startCommand(const Situation& situation) {
   }
   if (hasSystemd()) return situation.asRoot("systemctl enable --now ssh");
   return situation.asRoot("mkdir -p /run/sshd") + " && " + situation.asRoot(kSshd);
-}
-
-/// Whether an address matches one pattern of sshd_config(5): with * and ?, or as a network with /BITS.
-bool matchesAddress(const std::string& pattern, const std::string& address) {
-  const std::size_t slash = pattern.find('/');
-  in_addr network = {};
-  in_addr own = {};
-  if (slash == std::string::npos || inet_pton(AF_INET, pattern.substr(0, slash).c_str(), &network) != 1) {
-    return fnmatch(pattern.c_str(), address.c_str(), 0) == 0;
-  }
-  inet_pton(AF_INET, address.c_str(), &own);
-  int bits = 0;
-  std::from_chars(pattern.data() + slash + 1, pattern.data() + pattern.size(), bits);
-  bits = std::clamp(bits, 0, 32);
-  const std::uint64_t mask = ~std::uint64_t{0} << (32 - bits);
-  return (ntohl(network.s_addr) & mask) == (ntohl(own.s_addr) & mask);
-}
-
-/// Whether a pattern of AllowUsers or DenyUsers names this user, coming from the other device: USER or
-/// USER@HOSTS. HOSTS is a list with commas, in which ! excludes.
-bool matchesUser(const std::string& pattern, const Situation& situation) {
-  const std::size_t at = pattern.rfind('@');
-  if (fnmatch(pattern.substr(0, at).c_str(), situation.user.c_str(), 0) != 0) return false;
-  if (at == std::string::npos) return true;
-  bool matches = false;
-  for (const std::string& host : split(pattern.substr(at + 1), ",")) {
-    const bool excludes = host.starts_with('!');
-    if (!matchesAddress(excludes ? host.substr(1) : host, situation.peerAddress)) continue;
-    if (excludes) return false;
-    matches = true;
-  }
-  return matches;
-}
-
-std::vector<std::string> groupsOf(const Situation& situation) {
-  std::vector<std::string> names;
-  const passwd* entry = getpwuid(situation.userId);
-  if (entry == nullptr) return names;
-  gid_t groups[256];
-  int count = 256;
-  getgrouplist(entry->pw_name, entry->pw_gid, groups, &count);
-  for (int i = 0; i < std::min(count, 256); ++i) {
-    if (const group* known = getgrgid(groups[i])) names.emplace_back(known->gr_name);
-  }
-  return names;
-}
-
-bool listsUser(const std::vector<std::string>& patterns, const Situation& situation) {
-  return std::any_of(patterns.begin(), patterns.end(),
-                     [&](const std::string& pattern) { return matchesUser(pattern, situation); });
-}
-
-bool listsGroup(const std::vector<std::string>& patterns, const std::vector<std::string>& groups) {
-  return std::any_of(patterns.begin(), patterns.end(), [&](const std::string& pattern) {
-    return std::any_of(groups.begin(), groups.end(), [&](const std::string& group) {
-      return fnmatch(pattern.c_str(), group.c_str(), 0) == 0;
-    });
-  });
 }
 
 /// A value of AuthorizedKeysFile as a path.
@@ -194,18 +132,19 @@ std::optional<Check> judgeSettings(const Settings& settings, const Situation& si
         "sshd does not read " + situation.authorizedKeys,
         "AuthorizedKeysFile .ssh/authorized_keys " + join(settings.words("authorizedkeysfile"), " "));
   }
-  const std::vector<std::string> groups = groupsOf(situation);
+  const std::vector<std::string> groups = groupsOf(situation.user);
   const std::vector<std::string> allowedUsers = settings.words("allowusers");
   const std::vector<std::string> allowedGroups = settings.words("allowgroups");
-  if (auto check = judgeDenied("DenyUsers", settings, situation,
-                               [&](const std::string& pattern) { return matchesUser(pattern, situation); })) {
+  if (auto check = judgeDenied("DenyUsers", settings, situation, [&](const std::string& pattern) {
+        return listsUser({pattern}, situation.user, situation.peerAddress);
+      })) {
     return check;
   }
   if (auto check = judgeDenied("DenyGroups", settings, situation,
                                [&](const std::string& pattern) { return listsGroup({pattern}, groups); })) {
     return check;
   }
-  if (!allowedUsers.empty() && !listsUser(allowedUsers, situation)) {
+  if (!allowedUsers.empty() && !listsUser(allowedUsers, situation.user, situation.peerAddress)) {
     return refused("AllowUsers does not name " + situation.user, "sshd refuses this user",
                    "AllowUsers " + situation.user);
   }

@@ -99,6 +99,10 @@ std::string Situation::doctorThere() const {
   return onPeer(role == Role::CLIENT ? "dorve-doctor server" : "dorve-doctor client");
 }
 
+std::string Situation::hostLine() const {
+  return "Host " + peerAddress;
+}
+
 std::string Situation::pairAgain() const {
   if (role == Role::CLIENT) return "dorve-client  # first start dorve-server on " + peerAddress;
   // Another server would wait for the port that this one holds, and replace its key.

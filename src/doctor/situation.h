@@ -73,6 +73,9 @@ struct Situation {
   /// The doctor, on the other device.
   std::string doctorThere() const;
 
+  /// The first line of the block that a pairing adds to ssh's config.
+  std::string hostLine() const;
+
   /// The commands that pair again.
   std::string pairAgain() const;
 };

@@ -64,6 +64,9 @@ MISTAKES = [
             block("tcp dport 8888 reject with icmp type host-prohibited"), seen_from="client"),
     Mistake("A firewall drops port 22", BETWEEN, "server", block("tcp dport 22 drop"), seen_from="client"),
     Mistake("sshd does not run", BETWEEN, "client", "kill $(cat /run/sshd.pid); sleep 0.2"),
+    Mistake("Another program holds port 22", BETWEEN, "client",
+            "kill $(cat /run/sshd.pid); sleep 0.2; setsid /usr/bin/python3 -c 'import socket, time; "
+            "s = socket.create_server((\"\", 22)); time.sleep(99)' </dev/null >/dev/null 2>&1 & sleep 0.5"),
     Mistake("sshd has not run since the last boot", BETWEEN, "client",
             "kill $(cat /run/sshd.pid); sleep 0.2; rmdir /run/sshd"),
     Mistake("sshd does not run on the other device", BETWEEN, "server", "kill $(cat /run/sshd.pid); sleep 0.2",
@@ -75,7 +78,7 @@ MISTAKES = [
     Mistake("sshd accepts no keys", BETWEEN, "client", sshd("PubkeyAuthentication no")),
     Mistake("sshd allows other users only", BETWEEN, "server", sshd("AllowUsers somebody")),
     Mistake("sshd allows other groups only", BETWEEN, "server", sshd("AllowGroups somebody")),
-    Mistake("sshd denies the user", BETWEEN, "server", sshd("DenyUsers root@172.*")),
+    Mistake("sshd denies the user", BETWEEN, "server", sshd("DenyUsers root@172.* somebody")),
     Mistake("sshd denies a group", BETWEEN, "server", sshd("DenyGroups other root")),
     Mistake("sshd allows the user from elsewhere only", BETWEEN, "server", sshd("AllowUsers root@10.0.0.0/8")),
     Mistake("A Match block keeps root out", BETWEEN, "client",
@@ -97,6 +100,8 @@ MISTAKES = [
             "mount -t tmpfs -o mode=700 none /root/.ssh; mount -o remount,ro /root/.ssh"),
     Mistake("An older block names another key", BETWEEN, "client",
             "cd .ssh; printf 'Host 172.20.10.1\\n    IdentityFile /root/.ssh/id\\n    IdentitiesOnly yes\\n' >config"),
+    Mistake("A pairing would add no block", BEFORE, "server",
+            "printf 'Host 172.20.10.20\\n    User me\\n' >.ssh/config"),
     Mistake("A block for all hosts comes first", BETWEEN, "client",
             "cd .ssh; printf 'Host *\\n    StrictHostKeyChecking yes\\n    UserKnownHostsFile ~/.ssh/k\\n' >config"),
     Mistake("ssh logs in under another name", BETWEEN, "client", "printf 'Host *\\n    User me\\n' >.ssh/config"),
@@ -157,7 +162,7 @@ def documented(title):
 
 def plain(text):
     """A text without what differs from run to run."""
-    text = re.sub(r"(process|kill|SHA256:) *[0-9A-Za-z+/][0-9A-Za-z+/ ]*", r"\1 N", text)
+    text = re.sub(r"(process|kill|SHA256:) *[0-9A-Za-z+/]+(?: \d+)*", r"\1 N", text)
     return re.sub(r"\d+ KiB free", "N KiB free", text)
 
 
@@ -175,7 +180,7 @@ def fresh_lab(kept_labs, start_lab):
     lab = labs.pop() if labs else start_lab(stack, sshd=True)
     for host in lab.hosts:
         host.check(f"cd /; [ -e /run/lab/config ] || cp {SSHD_CONFIG} /run/lab/config; umount -q /root/.ssh; "
-                   "rm -rf /root/.ssh /root/.ssh.old; mkdir -m 700 /root/.ssh; nft flush ruleset; "
+                   "rm -rf /root/.ssh /root/.ssh.old /etc/ssh/dorve.conf; mkdir -m 700 /root/.ssh; nft flush ruleset; "
                    f"cmp -s /run/lab/config {SSHD_CONFIG} || {{ cp /run/lab/config {SSHD_CONFIG}; {RELOAD}; }}")
     lab.put_right = False
     yield lab

@@ -225,7 +225,9 @@ std::optional<Check> judgeFile(const std::string& path, int mode, const Situatio
                  "mv " + shellWord(path) + " " + shellWord(path + ".old")};
   }
   if (auto check = judgeFlags("ssh-files", path, situation)) return check;
-  if (auto check = judgeModes("ssh-files", path, situation)) return check;
+  if (mode == W_OK) {
+    if (auto check = judgeModes("ssh-files", path, situation)) return check;
+  }
   if (faccessat(AT_FDCWD, path.c_str(), R_OK | mode, AT_EACCESS) != 0) {
     const bool own = status.st_uid == situation.userId;
     return Check{Verdict::FAIL, "ssh-files", path + ": " + std::strerror(errno),

@@ -24,7 +24,8 @@ std::string renameCommand(const Situation& situation, const std::string& from) {
 Check judgeInterface(const Situation& situation) {
   const Interface* link = situation.link();
   const Interface* guess = findByAddress(situation.interfaces, situation.ownAddress);
-  if (guess == nullptr) guess = guessLink(situation.interfaces);
+  // The uplink may have the address by chance. Nobody wants that renamed.
+  if (guess == nullptr || guess->uplink) guess = guessLink(situation.interfaces);
   if (link == nullptr && situation.role == Role::SERVER) link = guess;
   if (link == nullptr) {
     const std::string found = "there is " + describe(situation.interfaces);
@@ -68,8 +69,9 @@ Check judgeRoute(const Interface& link, const Interface::Address& own, const std
 Check judgeAddress(const Situation& situation) {
   if (situation.roleIsGuess) return {Verdict::SKIP, "address", "not checked: client or server?"};
   const std::string& address = situation.ownAddress;
-  const Interface* holder = findByAddress(situation.interfaces, address);
   const Interface* link = situation.link();
+  const Interface* holder =
+      link != nullptr && link->has(address) ? link : findByAddress(situation.interfaces, address);
   if (link == nullptr) link = holder != nullptr ? holder : guessLink(situation.interfaces);
   const std::string target = link == nullptr ? kLinkInterface : link->name;
   const std::string add = situation.asRoot("ip address add " + address + kPrefix + " dev " + target);
@@ -84,7 +86,8 @@ Check judgeAddress(const Situation& situation) {
       situation.asRoot("ip address del " + held + " dev " + holder->name) + " && " + add;
   if (holder->name != target) {
     return {Verdict::FAIL, "address", held + " is on " + holder->name + ", not on " + target,
-            "the other device then answers on the wrong interface", replace};
+            "the other device then answers on the wrong interface",
+            holder->uplink ? "ip -brief address" : replace};
   }
   return judgeRoute(*holder, *own, replace, situation);
 }
@@ -106,7 +109,7 @@ Check judgePrograms(const Situation& situation) {
   }
   return {Verdict::FAIL, "programs",
           situation.program + " runs " + std::to_string(running->size()) + " times",
-          "each start replaces the key of the one before: stop all of them",
+          "each start replaced the earlier key; stop all, then pair again",
           situation.asRoot("kill " + pids(*running))};
 }
 

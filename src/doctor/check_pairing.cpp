@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <optional>
 
 #include "dorve/doctor/checks.h"
 #include "dorve/doctor/command.h"
@@ -181,16 +182,30 @@ Check judgeConfig(const CommandResult& result, bool loginWorks, const Situation&
           preferCommand(wrong, situation)};
 }
 
+/// Before a pairing: a block of the user's own for the other device, because of which a pairing adds none.
+std::optional<Check> judgeOtherBlock(const Situation& situation) {
+  if (readRegularFile(situation.config).find(situation.hostLine()) == std::string::npos) return std::nullopt;
+  const CommandResult config = runCommand({"ssh", "-G", situation.peerAddress}, situation.commandMs());
+  if (!config.succeeded()) return std::nullopt;
+  const std::vector<Setting> wrong = findOverridden(Settings(config.out), situation);
+  if (wrong.empty()) return std::nullopt;
+  return Check{Verdict::WARN, "ssh-config", "config has the text " + situation.hostLine() + " already",
+               "a pairing then adds no block of its own", preferCommand(wrong, situation)};
+}
+
 }  // namespace
 
 bool isPaired(const Situation& situation) {
   if (situation.sshDir.empty()) return false;
-  const std::string config = readRegularFile(situation.config);
-  return !pairingLines(situation).empty() || config.find(situation.hostLine()) != std::string::npos;
+  const std::string block = situation.hostLine() + "\n    IdentityFile " + situation.privateKey + "\n";
+  return !pairingLines(situation).empty() ||
+         (isRegularFile(situation.privateKey) &&
+          readRegularFile(situation.config).find(block) != std::string::npos);
 }
 
 void checkPairing(const Situation& situation, bool sshIsOpen, Report& report) {
   if (!isPaired(situation)) {
+    if (const auto check = judgeOtherBlock(situation)) report.add(*check);
     report.add({Verdict::SKIP, "pairing", "this device is not paired yet", "", situation.pairAgain()});
     return;
   }

@@ -19,6 +19,8 @@ namespace dorve {
 namespace {
 
 constexpr const char* kSshdConfig = "/etc/ssh/sshd_config";
+constexpr const char* kOwnConfig = "/etc/ssh/dorve.conf";  // of the commands that the doctor prints
+constexpr const char* kListenerNames[] = {"sshd", "systemd", "dropbear"};
 
 bool hasSystemd() {
   return std::filesystem::exists("/run/systemd/system");
@@ -37,18 +39,11 @@ std::string configureFirst(const Situation& situation, const std::string& line) 
          reloadCommand(situation);
 }
 
-/// The same for a setting of this user's logins. Match blocks overrule the lines above them, so there it goes
-/// into a Match block of its own, before the others.
+/// Applies a line to this user's logins from the other device, and to nobody else's. The first Match block
+/// that has a setting wins, so the block is read before all others. It ends with its file.
 std::string configure(const Situation& situation, const std::string& line) {
-  const std::vector<std::string> lines = split(readRegularFile(kSshdConfig), "\n");
-  const bool matches = std::any_of(lines.begin(), lines.end(), [](const std::string& text) {
-    const std::vector<std::string> words = split(text, " \t");
-    return !words.empty() && toLower(words.front()) == "match";
-  });
-  if (!matches) return configureFirst(situation, line);
-  return situation.asRoot("sed --follow-symlinks -i '0,/^[ \\t]*Match /Is//Match User " + situation.user +
-                          " Address " + situation.peerAddress + "\\n    " + line + "\\n&/' " + kSshdConfig) +
-         " && " + reloadCommand(situation);
+  return "printf 'Match User " + situation.user + " Address " + situation.peerAddress + "\\n    " + line +
+         "\\n' >>" + kOwnConfig + " && " + configureFirst(situation, std::string("Include ") + kOwnConfig);
 }
 
 std::string startCommand(const Situation& situation) {
@@ -87,7 +82,8 @@ bool readsOurFile(const Settings& settings, const Situation& situation) {
          });
 }
 
-/// A pattern of DenyUsers or DenyGroups that keeps this user out. The command takes out this pattern alone.
+/// A pattern of DenyUsers or DenyGroups that keeps this user out. The command takes out this pattern alone,
+/// and turns a line without a pattern into a comment.
 std::optional<Check> judgeDenied(const std::string& name, const Settings& settings,
                                  const Situation& situation,
                                  const std::function<bool(const std::string&)>& matches) {
@@ -96,16 +92,15 @@ std::optional<Check> judgeDenied(const std::string& name, const Settings& settin
   if (found == patterns.end()) return std::nullopt;
   std::string literal;
   for (const char c : *found) {
-    if (std::string_view(".*[]^$/\\").find(c) != std::string_view::npos) literal += '\\';
+    if (std::string_view(".*[]^$/\\+?(){}|").find(c) != std::string_view::npos) literal += '\\';
     literal += c;
   }
-  const std::string edit =
-      patterns.size() == 1 ? "/^ *" + name + " /Id" : "/^ *" + name + " /Is/ " + literal + "\\>//";
+  const std::string line = "^[[:blank:]]*" + name + "[[:blank:]]";
   return Check{Verdict::FAIL, "sshd-config", name + " keeps " + situation.user + " out",
                "sshd refuses this user",
-               situation.asRoot("sed --follow-symlinks -i '" + edit + "' $(grep -rli '^ *" + name +
-                                " ' /etc/ssh/sshd_config*)") +
-                   " && " + reloadCommand(situation)};
+               "sed -E --follow-symlinks -i '/" + line + "/I{s/[[:blank:]]+" + literal +
+                   "([[:blank:]]|$)/\\1/;s/" + line + "*$/#&/I}' $(grep -rliE '" + line +
+                   "' /etc/ssh/sshd_config*) && " + reloadCommand(situation)};
 }
 
 /// The first setting that keeps the other side out; nothing if all let it in.
@@ -123,14 +118,18 @@ std::optional<Check> judgeSettings(const Settings& settings, const Situation& si
   }
   const std::string forced = settings.first("forcecommand");
   if (!forced.empty() && forced != "none") {
-    return refused("ForceCommand " + forced, "every login runs this command and no other",
-                   "ForceCommand none");
+    // Such a command may run what the user asked for, so this need not be the reason of a failure.
+    return Check{Verdict::WARN, "sshd-config", "ForceCommand " + forced,
+                 "every login runs this; without passing the command on, none works",
+                 configure(situation, "ForceCommand none")};
   }
   if (!readsOurFile(settings, situation)) {
-    return refused(
-        "AuthorizedKeysFile " + settings.first("authorizedkeysfile"),
-        "sshd does not read " + situation.authorizedKeys,
-        "AuthorizedKeysFile .ssh/authorized_keys " + join(settings.words("authorizedkeysfile"), " "));
+    std::vector<std::string> files = settings.words("authorizedkeysfile");
+    std::erase(files, "none");
+    files.insert(files.begin(), ".ssh/authorized_keys");
+    return refused("AuthorizedKeysFile " + settings.first("authorizedkeysfile"),
+                   "sshd does not read " + situation.authorizedKeys,
+                   "AuthorizedKeysFile " + join(files, " "));
   }
   const std::vector<std::string> groups = groupsOf(situation.user);
   const std::vector<std::string> allowedUsers = settings.words("allowusers");
@@ -190,13 +189,17 @@ Check judgeConfiguration(const Situation& situation) {
   const CommandResult& result = situation.sshdTest;
   if (result.succeeded()) {
     return judgeSettings(Settings(result.out), situation)
-        .value_or(Check{Verdict::OK, kName, "lets " + situation.user + " in by key"});
+        .value_or(Check{Verdict::OK, kName, "its files let " + situation.user + " in by key"});
   }
   if (result.end != CommandResult::End::EXITED) {
     return {Verdict::SKIP, kName, "not checked: " + std::string(kSshd) + ": " + result.message()};
   }
   if (!situation.isRoot()) {
     return {Verdict::SKIP, kName, "not checked: only root can read the whole configuration"};
+  }
+  if (result.err.find("UNPROTECTED PRIVATE KEY FILE") != std::string::npos) {
+    return {Verdict::FAIL, kName, "others may read sshd's host keys", "sshd does not use such keys",
+            "chmod 600 /etc/ssh/ssh_host_*_key"};
   }
   if (result.err.find("no hostkeys") != std::string::npos) {
     return {Verdict::FAIL, kName, "sshd has no host keys", "it cannot start without them", "ssh-keygen -A"};
@@ -233,7 +236,15 @@ Check judgeListening(const Situation& situation) {
   if (!listeners) return {Verdict::SKIP, "sshd", "not checked: /proc does not tell"};
   if (const Listener* listener = findListener(*listeners, situation.ownAddress, kSshPort)) {
     const auto owner = findOwner(*listener);
-    return {Verdict::OK, "sshd", (owner ? owner->name : "a process of another user") + " listens on port 22"};
+    const std::string name = owner ? owner->name : "a process of another user";
+    if (owner &&
+        std::find(std::begin(kListenerNames), std::end(kListenerNames), name) == std::end(kListenerNames)) {
+      return {Verdict::FAIL, "sshd",
+              "port 22 is held by " + name + " (process " + std::to_string(owner->pid) + ")",
+              "sshd cannot listen on it",
+              situation.asRoot("kill " + std::to_string(owner->pid)) + " && " + startCommand(situation)};
+    }
+    return {Verdict::OK, "sshd", name + " listens on port 22"};
   }
   return judgeMisplaced(*listeners, situation)
       .value_or(Check{Verdict::FAIL, "sshd", "nothing listens on port 22 of " + situation.ownAddress,
@@ -250,9 +261,10 @@ void checkSshd(const Situation& situation, Report& report) {
   if (const auto check = judgeShell(situation)) report.add(*check);
   // A configuration that is wrong may be why sshd does not listen.
   const Check configuration = judgeConfiguration(situation);
-  if (configuration.verdict == Verdict::FAIL) report.add(configuration);
+  const bool wrong = configuration.verdict == Verdict::FAIL || configuration.verdict == Verdict::WARN;
+  if (wrong) report.add(configuration);
   report.add(judgeListening(situation));
-  if (configuration.verdict != Verdict::FAIL) report.add(configuration);
+  if (!wrong) report.add(configuration);
 }
 
 }  // namespace dorve

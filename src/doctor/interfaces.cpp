@@ -48,6 +48,11 @@ std::vector<std::string> uplinkNames() {
 
 }  // namespace
 
+bool Interface::has(std::string_view address) const {
+  return std::any_of(addresses.begin(), addresses.end(),
+                     [&](const Address& own) { return own.text == address; });
+}
+
 std::string Interface::state() const {
   if (!up) return "down";
   return carrier ? "up" : "up, no carrier";
@@ -78,10 +83,8 @@ const Interface* findByName(const std::vector<Interface>& interfaces, std::strin
 }
 
 const Interface* findByAddress(const std::vector<Interface>& interfaces, std::string_view address) {
-  const auto found = std::find_if(interfaces.begin(), interfaces.end(), [&](const Interface& interface) {
-    return std::any_of(interface.addresses.begin(), interface.addresses.end(),
-                       [&](const Interface::Address& own) { return own.text == address; });
-  });
+  const auto found = std::find_if(interfaces.begin(), interfaces.end(),
+                                  [&](const Interface& interface) { return interface.has(address); });
   return found == interfaces.end() ? nullptr : &*found;
 }
 

@@ -22,6 +22,8 @@ struct Interface {
   bool uplink = false;  ///< the default route leaves by it
   std::vector<Address> addresses;
 
+  bool has(std::string_view address) const;
+
   /// Its state in a few words, such as "up, no carrier".
   std::string state() const;
 };
@@ -35,8 +37,8 @@ const Interface* findByName(const std::vector<Interface>& interfaces, std::strin
 /// The interface with that address, or null.
 const Interface* findByAddress(const std::vector<Interface>& interfaces, std::string_view address);
 
-/// The interface that the cable must be in: the only one without an address, or the only such with a carrier.
-/// Null if several may be it.
+/// The interface that is most likely the link: the only one without an address, or the only such with a
+/// carrier. Null if several may be it.
 const Interface* guessLink(const std::vector<Interface>& interfaces);
 
 /// The names and states of all but the loopback interface, in one line.

@@ -55,7 +55,7 @@ Check explainRefusal(const Situation& situation, const Settings& settings) {
                 shellWord(situation.config)};
   }
   return {Verdict::FAIL, "login", situation.peerAddress + " refuses the key for " + settings.first("user"),
-          "it holds another key; if that is not it, dorve-doctor there says more", situation.pairAgain()};
+          "it may hold another key; dorve-doctor on that device says more", situation.pairAgain()};
 }
 
 }  // namespace

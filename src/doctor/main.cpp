@@ -16,7 +16,7 @@ namespace {
 constexpr int kMaxTimeoutSeconds = 60;
 constexpr const char* kUsage = "usage: dorve-doctor [--json] [--timeout SECONDS] [client|server]\n";
 constexpr const char* kHelp =
-    "Says why a pairing, or a login after it, does not work, and what to type against it. Changes nothing.\n"
+    "Says why a pairing, or a login after it, does not work, and which command fixes it. Changes nothing.\n"
     "Run it as the user who runs dorve-client or dorve-server. Without client or server it finds out which\n"
     "side this device is.\n\n"
     "  --json             print one JSON object for each check\n"

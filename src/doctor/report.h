@@ -48,8 +48,8 @@ class Report {
   bool colour;
   std::size_t width;
   int failed = 0;
-  std::string firstRemedy;  ///< of what failed, or is to be looked at
-  std::string nextStep;     ///< of what did not
+  std::string firstRemedy;  ///< the first command under a FAIL or warn
+  std::string nextStep;     ///< the first command under an ok or skip
 };
 
 }  // namespace dorve

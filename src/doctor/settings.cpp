@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "dorve/doctor/settings.h"
 
+#include <unistd.h>
+
 #include "dorve/doctor/text.h"
 
 namespace dorve {
@@ -44,7 +46,9 @@ std::string disableLine(const std::string& message) {
   if (end == number || end == std::string::npos || message[end] != ':') return "";
   std::string file = message.substr(0, place);
   if (file.ends_with(':')) file.pop_back();
-  return "sed --follow-symlinks -i '" + message.substr(number, end - number) + "s/^/#/' " + shellWord(file);
+  const std::string sudo = access(file.c_str(), W_OK) == 0 || geteuid() == 0 ? "" : "sudo ";
+  return sudo + "sed --follow-symlinks -i '" + message.substr(number, end - number) + "s/^/#/' " +
+         shellWord(file);
 }
 
 }  // namespace dorve

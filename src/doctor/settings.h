@@ -28,8 +28,9 @@ class Settings {
   std::vector<std::pair<std::string, std::string>> entries;
 };
 
-/// The command that turns the line of a configuration file that `message` complains about into a comment;
-/// empty if the message names no line. ssh and sshd write "FILE: line N: ..." or "FILE line N: ...".
+/// The command that turns the line of a configuration file that `message` complains about into a comment,
+/// with sudo if this user may not write the file; empty if the message names no line. ssh and sshd write
+/// "FILE: line N: ..." or "FILE line N: ...".
 std::string disableLine(const std::string& message);
 
 }  // namespace dorve

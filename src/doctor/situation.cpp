@@ -57,7 +57,7 @@ void guessRole(Situation& situation) {
     return setRole(situation, Role::CLIENT, link->name + " has " + kClientAddress);
   }
   const std::string config = readRegularFile(situation.config);
-  if (config.find(std::string("Host ") + kClientAddress) != std::string::npos) {
+  if (config.find(std::string("Host ") + kClientAddress + "\n") != std::string::npos) {
     return setRole(situation, Role::SERVER, std::string("ssh's config names ") + kClientAddress);
   }
   setRole(situation, Role::CLIENT, "a guess");
@@ -118,7 +118,7 @@ Situation examineSituation(std::optional<Role> role, int timeoutMs) {
   setUser(situation);
   setDirectory(situation);
   if (role) {
-    setRole(situation, *role, "as you say");
+    setRole(situation, *role, "as given on the command line");
   } else {
     guessRole(situation);
   }

@@ -56,7 +56,7 @@ struct Situation {
   /// The interface of the link: by the own address, else by its name on the client; null if there is none.
   const Interface* link() const;
 
-  /// The time until the deadline, but never none.
+  /// The time until the deadline, at least 100 ms.
   int remainingMs() const;
 
   bool isRoot() const { return userId == 0; }

@@ -60,11 +60,15 @@ std::string shellWord(std::string_view word) {
   return quoted + "'";
 }
 
+bool isRegularFile(const std::string& path) {
+  struct stat status = {};
+  return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
 std::string readRegularFile(const std::string& path) {
   struct stat status = {};
-  const bool readable =
-      stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size <= kMaxFileSize;
-  return readable ? readFileText(path).value_or("") : "";
+  if (!isRegularFile(path) || stat(path.c_str(), &status) != 0 || status.st_size > kMaxFileSize) return "";
+  return readFileText(path).value_or("");
 }
 
 }  // namespace dorve

@@ -23,6 +23,9 @@ bool isPlainWord(std::string_view text);
 /// A word as a POSIX shell reads it back: quoted if it holds anything that the shell treats specially.
 std::string shellWord(std::string_view word);
 
+/// Whether the path leads to a regular file.
+bool isRegularFile(const std::string& path);
+
 /// The bytes of a regular file of at most 64 MiB; empty for anything else, so that a pipe or a device cannot
 /// hold up the caller.
 std::string readRegularFile(const std::string& path);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // What the doctor reads of other programs' output, the words that it quotes for a shell, and what it prints.
+#include <cstdint>
 #include <sstream>
 
 #include "dorve/doctor/command.h"

@@ -7,10 +7,12 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <climits>
 #include <cstring>
+#include <memory>
 #include <thread>
 
 #include "dorve/util/sleep.h"
@@ -200,7 +202,8 @@ TEST_F(Connection, TellsTheEndFromATimeoutAndABrokenPipe) {
   EXPECT_GE(Clock::now() - start, Ms(50));
   client.shutdown(SHUT_WR);
   EXPECT_EQ(failure([&] { client.sendAll("x"); }), "Send failed: Broken pipe");
-  { const NqSocket closedAtItsEnd(std::move(server)); }
+  auto closing = std::make_unique<const NqSocket>(std::move(server));
+  closing.reset();
   EXPECT_EQ(client.receive(&byte, 1), 0u) << "the peer has closed";
 }
 

@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -93,19 +92,6 @@ TEST_F(Socket, FailureNamesItsCallAndTheReason) {
   EXPECT_EQ(failure([&] { none.receive(nullptr, 0); }), "Receive failed: Bad file descriptor");
   EXPECT_EQ(failure([&] { bound.bindToInterface("no"); }), "Failed to bind to interface no: No such device");
   EXPECT_NO_THROW(none.sendAll(nullptr, 0));
-}
-
-TEST_F(Socket, RetryWithoutAFreeDescriptorFails) {
-  rlimit usual{};
-  getrlimit(RLIMIT_NOFILE, &usual);
-  const rlimit full{0, usual.rlim_max};
-  NqSocket other(true);
-  setrlimit(RLIMIT_NOFILE, &full);
-  EXPECT_EQ(failure([&] { other.connect(address, 1, 0); }),
-            "Failed to create socket for retry: Too many open files");
-  EXPECT_EQ(failure([&] { bound.bind(address, 1, 0); }),
-            "Failed to create socket for bind retry: Too many open files");
-  setrlimit(RLIMIT_NOFILE, &usual);
 }
 
 TEST_F(Socket, PausesBetweenAttemptsOnly) {

@@ -126,7 +126,7 @@ def run(host, build, command):
 
 
 def doctor(host, build):
-    return run(host, build, f"dorve-doctor --timeout 1 {host.name}")
+    return run(host, build, f"dorve-doctor --timeout 2 {host.name}")
 
 
 def bad_lines(outcome):
@@ -232,9 +232,6 @@ HARMLESS = {
     "no StrictModes": sshd("StrictModes no") + "; chmod 777 /root",
     "a user named with a network": sshd("AllowUsers root@172.20.10.0/30,!10.0.0.1 me"),
     "a linked directory": "mv .ssh there; ln -s there .ssh",
-    "host keys that are known":
-        "for n in 1 2; do echo 172.20.10.$n $(ssh-keyscan -t ed25519 172.20.10.$n | cut -d ' ' -f 2-); done >known; "
-        "printf 'Host *\\n UserKnownHostsFile ~/known\\n StrictHostKeyChecking yes\\n' >.ssh/config",
 }
 
 
@@ -326,6 +323,9 @@ def test_tells_of_a_blank_in_the_path(lab, build):
     assert "      fix  export HOME=/root\n" in outcome.out
 
 
+# The search for leaks of the sanitizers works neither under strace nor without /proc.
+NO_LEAK_SEARCH = ["env", "ASAN_OPTIONS=detect_leaks=0"]
+
 # What breaks, and a line that the doctor then prints.
 HOSTILE = [
     ("mount -t tmpfs none /proc", "skip  port-8888     not checked: /proc does not tell"),
@@ -342,14 +342,14 @@ HOSTILE = [
 def test_survives_hostile_surroundings(sshd_lab, build, command, line):
     pair(sshd_lab, build)
     run(sshd_lab.server, build, command)
-    outcome = sshd_lab.server.run(["timeout", "10", build / "dorve-doctor", "server"])
+    outcome = sshd_lab.server.run([*NO_LEAK_SEARCH, "timeout", "10", build / "dorve-doctor", "server"])
     assert line in outcome.out.splitlines(), outcome
     assert (outcome.status, outcome.err) == (1 if "FAIL" in outcome.out else 0, "")
 
 
 def test_opens_nothing_for_writing(sshd_lab, build):
     pair(sshd_lab, build)
-    trace = sshd_lab.client.run(["strace", "-f", "-e", "trace=%file,socket", "-o", "/run/trace",
+    trace = sshd_lab.client.run([*NO_LEAK_SEARCH, "strace", "-f", "-e", "trace=%file,socket", "-o", "/run/trace",
                                  build / "dorve-doctor"])
     assert trace.status == 0, trace
     calls = sshd_lab.client.path("/run/trace").read_text()

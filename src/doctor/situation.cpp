@@ -18,7 +18,7 @@ namespace {
 
 constexpr int kCommandMs = 4000;  // a slow device needs more than a second for a login
 constexpr int kShortestMs = 100;
-constexpr int kTotalMs = 9000;
+constexpr int kTotalMs = 7000;
 constexpr int kTotalTimeouts = 3;  // with a long timeout
 
 void setUser(Situation& situation) {

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
-// What could grow, beside what does the least that must be done: checksums, messages, requests, the cache and
-// the edit of a file. To be run on one CPU: a request is then the work of both ends and two switches of
-// threads, without the far longer waking of an idle CPU.
+// Benchmarks of checksums, messages, requests, the response cache and the edit of a file.
+// Checksums, requests and edits are compared with zlib, a bare echo and grep.
+// Run this program on one CPU. A request then costs the work of both ends and two context switches.
+// With two CPUs, it would also cost the wake-up of an idle CPU, which takes far longer.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <malloc.h>
@@ -28,7 +29,7 @@ namespace {
 namespace fs = std::filesystem;
 using benchmark::State;
 
-constexpr const char* kServerDirectory = "server";  // apart, so that its edits stay small
+constexpr const char* kServerDirectory = "server";  // without the large file that `edit` makes
 
 std::string requestId(std::size_t number) {
   return "REQ-base-1-" + std::to_string(number);
@@ -63,16 +64,18 @@ void checkRecord(State& state) {
     MessageSerializer::encodeHeader(&record);
     benchmark::DoNotOptimize(record);
     MessageSerializer::decodeHeader(&record);
-    if (!MessageSerializer::validateChecksum(&record, sizeof record)) state.SkipWithError("refused");
+    if (!MessageSerializer::validateChecksum(&record, sizeof record)) state.SkipWithError("bad checksum");
   }
 }
 
+/// Handles requests with the server's loop until `done`. `processRequest` returns after each confirmation.
 void serve(int descriptor, const std::atomic<bool>& done) {
   const auto server = std::make_unique<DorveServer>(kServerAddress, kPort, kServerDirectory);
   NqSocket socket(descriptor);
-  while (!done) server->processRequest(socket);  // which returns after each confirmation
+  while (!done) server->processRequest(socket);
 }
 
+/// Sends as many bytes as a response has for each request, without any other work.
 template <typename Request, typename Response>
 void echo(int descriptor, const std::atomic<bool>& /*done*/) {
   const NqSocket owner(descriptor);
@@ -87,14 +90,15 @@ void echo(int descriptor, const std::atomic<bool>& /*done*/) {
   }
 }
 
-/// Requests and their responses in turn, with a `peer` at the other end until it is done. More `ids` than the
-/// cache holds make each request a new one. The label is what the messages left on the heap, in bytes.
+/// Sends requests to a `peer` at the other end of a connection and receives a response to each.
+/// If there are more `ids` than the cache has entries, each request is new to the server.
+/// The label is the number of bytes that the messages left allocated on the heap.
 template <typename Request, typename Response>
-void converse(State& state, void (*peer)(int, const std::atomic<bool>&), std::size_t ids) {
+void roundTrips(State& state, void (*peer)(int, const std::atomic<bool>&), std::size_t ids) {
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) return state.SkipWithError("no sockets");
-  const timeval patience{5, 0};
-  setsockopt(ends[0], SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  const timeval timeout{5, 0};
+  setsockopt(ends[0], SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
   std::atomic<bool> done = false;
   std::thread thread([&] { peer(ends[1], done); });
 
@@ -102,17 +106,17 @@ void converse(State& state, void (*peer)(int, const std::atomic<bool>&), std::si
   for (std::size_t i = 0; i < ids; ++i) seal(requests.emplace_back(makeRecord<Request>(requestId(i))));
   Response response;
   std::size_t next = 0;
-  const auto exchange = [&] {
+  const auto roundTrip = [&] {
     const Request& request = requests[next++ % ids];
     return send(ends[0], &request, sizeof request, MSG_NOSIGNAL) == sizeof request &&
            recv(ends[0], &response, sizeof response, MSG_WAITALL) == sizeof response;
   };
-  bool answered = true;
-  for (std::size_t i = 0; i < ids; ++i) answered = answered && exchange();
+  bool complete = true;
+  for (std::size_t i = 0; i < ids; ++i) complete = complete && roundTrip();
   const std::size_t heap = mallinfo2().uordblks;
-  for (auto _ : state) answered = answered && exchange();
+  for (auto _ : state) complete = complete && roundTrip();
   state.SetLabel(std::to_string(static_cast<long>(mallinfo2().uordblks - heap)));
-  if (!answered) state.SkipWithError("no answer");
+  if (!complete) state.SkipWithError("no response");
 
   done = true;
   shutdown(ends[0], SHUT_RDWR);
@@ -122,16 +126,16 @@ void converse(State& state, void (*peer)(int, const std::atomic<bool>&), std::si
 
 template <typename Request, typename Response>
 bool addPhase(const std::string& name) {
-  const auto add = [&name](const std::string& what, auto function, auto... arguments) {
-    benchmark::RegisterBenchmark((what + '/' + name).c_str(), function, arguments...)->UseRealTime();
+  const auto add = [&name](const std::string& operation, auto function, auto... arguments) {
+    benchmark::RegisterBenchmark((operation + '/' + name).c_str(), function, arguments...)->UseRealTime();
   };
   add("seal-request", sealRecord<Request>);
   add("check-request", checkRecord<Request>);
   add("seal-response", sealRecord<Response>);
   add("check-response", checkRecord<Response>);
-  add("echo", converse<Request, Response>, echo<Request, Response>, 1);
-  add("request", converse<Request, Response>, serve, 2 * kCacheEntries);
-  add("repeated", converse<Request, Response>, serve, 1);
+  add("echo", roundTrips<Request, Response>, echo<Request, Response>, 1);
+  add("request", roundTrips<Request, Response>, serve, 2 * kCacheEntries);
+  add("repeated", roundTrips<Request, Response>, serve, 1);
   return true;
 }
 const bool added[] = {addPhase<VersionQuery, VersionResponse>("version"),
@@ -140,19 +144,20 @@ const bool added[] = {addPhase<VersionQuery, VersionResponse>("version"),
                       addPhase<InstallKeysRequest, InstallKeysResponse>("install"),
                       addPhase<ConfirmInstallRequest, ConfirmInstallResponse>("confirm")};
 
-/// Looks in a full cache for the id stored last, or for one that is not there.
+/// Looks up the id that was stored last in a full cache, or an id that is not there.
 void cache(State& state, bool hit) {
   const auto responses = std::make_unique<ResponseCache>();
   for (std::uint32_t i = 0; i < kCacheEntries; ++i) responses->store(requestId(i), "", 1);
   const std::string id = requestId(hit ? kCacheEntries - 1 : kCacheEntries);
   for (auto _ : state) {
-    if ((responses->lookup(id) != nullptr) != hit) state.SkipWithError("wrong answer");
+    if ((responses->lookup(id) != nullptr) != hit) state.SkipWithError("wrong result");
   }
 }
 BENCHMARK_CAPTURE(cache, hit, true);
 BENCHMARK_CAPTURE(cache, miss, false);
 
-/// A file of keys, a line of about 100 bytes each, an old pairing key in the middle; made once.
+/// Makes a file of keys, unless it exists, and returns its path. Each line has about 100 bytes.
+/// An old pairing key is in the middle.
 std::string keyFile(long lines) {
   std::string path = "keys-" + std::to_string(lines);
   if (fs::exists(path)) return path;
@@ -173,17 +178,17 @@ bool grep(std::string& file) {
   char program[] = "grep";
   char option[] = "-v";
   std::string text = kPairingKeyName;
-  char* words[] = {program, option, text.data(), file.data(), nullptr};
+  char* arguments[] = {program, option, text.data(), file.data(), nullptr};
   posix_spawn_file_actions_t streams;
   posix_spawn_file_actions_init(&streams);
   posix_spawn_file_actions_addopen(&streams, STDOUT_FILENO, "kept", O_WRONLY | O_CREAT | O_TRUNC, 0600);
   pid_t child = -1;
-  int status = posix_spawnp(&child, program, &streams, nullptr, words, environ);
+  int status = posix_spawnp(&child, program, &streams, nullptr, arguments, environ);
   posix_spawn_file_actions_destroy(&streams);
   return status == 0 && waitpid(child, &status, 0) == child && status == 0;
 }
 
-/// Each round on a fresh copy of the file; the copying does not count.
+/// Edits a fresh copy of the file in each iteration. The time to copy does not count.
 void edit(State& state, bool (*change)(std::string&)) {
   const std::string original = keyFile(state.range(0));
   std::string copy = "authorized_keys";

@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: MIT
-// stopwatch WANTED PROGRAM [ARGUMENT...]: runs a program and prints what it saw of it from outside, as lines
-// "NANOSECONDS EVENT" on the steady clock, which all hosts on one machine share: `start`, `exit STATUS`, and
-// what the letters of WANTED ask for (l and c don't go together):
-//   0, 1  it and its children run on this CPU only, as if each host had one of its own
-//   l  `line TEXT` for each line on its standard output, which is /dev/null otherwise
-//   a  `accepting`, told at once, when it has gone to sleep in accept(2)
-//   c  `cost KIB FAULTS CALLS`: the peak of its resident memory, its page faults and system calls, without
-//      those of its children, which getrusage(2) would add. The tracing makes times of such a run worthless.
+// stopwatch OPTIONS PROGRAM [ARGUMENT...]: runs a program and prints its events.
+// Each event is a line "NANOSECONDS EVENT". The time is that of the steady clock, which all lab hosts share.
+// The events `start` and `exit STATUS` are always printed.
+//
+// OPTIONS is one word of these letters. Do not combine l with a or c.
+//   0, 1  Run the program and its children only on the CPU with this number: hosts have CPUs of their own.
+//   l     Print `line TEXT` for each line on the program's standard output, which otherwise is /dev/null.
+//   a     Print `accepting` as soon as the program sleeps in accept(2).
+//   c     Print `cost KIB FAULTS CALLS`: peak resident memory, page faults and system calls.
+//         The figures leave out the children of the program.
+//         The program is traced, which makes the times of such a run useless.
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/ptrace.h>
@@ -27,7 +30,7 @@ constexpr timespec kPollInterval{0, 20'000};
 constexpr int kCallStop = SIGTRAP | 0x80;  // with PTRACE_O_TRACESYSGOOD
 constexpr int kTraceOptions = PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACEEXIT | PTRACE_O_EXITKILL;
 
-void note(const std::string& event) {
+void print(const std::string& event) {
   const std::chrono::nanoseconds now = std::chrono::steady_clock::now().time_since_epoch();
   std::cout << now.count() << ' ' << event << '\n';
 }
@@ -37,12 +40,12 @@ std::string processFile(pid_t process, const char* name) {
 }
 
 bool isAccepting(pid_t child) {
-  int call = -1;  // stays -1 while the file says "running"
+  int call = -1;  // 0 after the extraction if the file contains "running"; that is not accept
   std::ifstream(processFile(child, "syscall")) >> call;
   return call == SYS_accept || call == SYS_accept4;
 }
 
-void noteCost(pid_t child, unsigned long calls) {
+void printCost(pid_t child, unsigned long calls) {
   std::string word;
   std::ifstream status(processFile(child, "status"));
   while (status >> word && word != "VmHWM:") {
@@ -52,37 +55,41 @@ void noteCost(pid_t child, unsigned long calls) {
   unsigned long major = 0;
   std::string skipped;
   std::ifstream stat(processFile(child, "stat"));
-  for (int field = 1; field < 10; ++field) stat >> skipped;  // as proc(5) numbers them
+  for (int field = 1; field < 10; ++field) stat >> skipped;  // proc(5): page faults are fields 10 and 12
   stat >> minor >> skipped >> major;
-  note("cost " + word + ' ' + std::to_string(minor + major) + ' ' + std::to_string(calls));
+  print("cost " + word + ' ' + std::to_string(minor + major) + ' ' + std::to_string(calls));
 }
 
-void noteLines(int output) {
+void printLines(int output) {
   std::FILE* stream = fdopen(output, "r");
   char line[256];
   while (std::fgets(line, sizeof line, stream) != nullptr) {
     line[std::strcspn(line, "\n")] = '\0';
-    note(std::string("line ") + line);
+    print(std::string("line ") + line);
   }
 }
 
-void follow(pid_t child, bool untilAccepting) {
+/// Waits until the child ends and prints its events. If `waitForAccept`, first polls until it sleeps in
+/// accept(2).
+void follow(pid_t child, bool waitForAccept) {
   unsigned long callStops = 0;
   for (;;) {
     int status = 0;
-    if (waitpid(child, &status, untilAccepting ? WNOHANG : 0) == 0) {
+    if (waitpid(child, &status, waitForAccept ? WNOHANG : 0) == 0) {
       nanosleep(&kPollInterval, nullptr);
       if (!isAccepting(child)) continue;
-      untilAccepting = false;
-      note("accepting");
+      waitForAccept = false;
+      print("accepting");
       std::cout.flush();
     } else if (!WIFSTOPPED(status)) {
-      return note("exit " + std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status)));
+      return print("exit " +
+                   std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status)));
     } else {
       int signal = WSTOPSIG(status);
       if (signal == kCallStop) ++callStops;
-      // Each call stops twice, but execve has been left when the tracing begins and exit_group is never left.
-      if (status >> 16 == PTRACE_EVENT_EXIT) noteCost(child, callStops / 2 + 2);
+      // Each call stops the child when it starts and when it returns. Two calls are added: execve, which ends
+      // before the tracing starts, and exit_group, which does not return.
+      if (status >> 16 == PTRACE_EVENT_EXIT) printCost(child, callStops / 2 + 2);
       if (signal == SIGTRAP) ptrace(PTRACE_SETOPTIONS, child, nullptr, kTraceOptions);
       if (signal == SIGTRAP || signal == kCallStop) signal = 0;
       ptrace(PTRACE_SYSCALL, child, nullptr, signal);
@@ -94,28 +101,28 @@ void follow(pid_t child, bool untilAccepting) {
 
 int main(int count, char** words) {
   if (count < 3) return 2;
-  const auto wants = [&](char letter) { return std::string(words[1]).find(letter) != std::string::npos; };
+  const auto hasOption = [&](char letter) { return std::string(words[1]).find(letter) != std::string::npos; };
   int output[2];
   if (pipe2(output, O_CLOEXEC) != 0) return 1;
-  const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
+  const int devNull = open("/dev/null", O_RDWR | O_CLOEXEC);
 
-  note("start");
+  print("start");
   const pid_t child = fork();
   if (child == 0) {
-    dup2(nothing, STDIN_FILENO);
-    dup2(wants('l') ? output[1] : nothing, STDOUT_FILENO);
+    dup2(devNull, STDIN_FILENO);
+    dup2(hasOption('l') ? output[1] : devNull, STDOUT_FILENO);
     for (const std::size_t cpu : {0, 1}) {
-      cpu_set_t one;
-      CPU_ZERO(&one);
-      CPU_SET(cpu, &one);
-      if (wants(static_cast<char>('0' + cpu))) sched_setaffinity(0, sizeof one, &one);
+      cpu_set_t cpus;
+      CPU_ZERO(&cpus);
+      CPU_SET(cpu, &cpus);
+      if (hasOption(static_cast<char>('0' + cpu))) sched_setaffinity(0, sizeof cpus, &cpus);
     }
-    if (wants('c')) ptrace(PTRACE_TRACEME);
+    if (hasOption('c')) ptrace(PTRACE_TRACEME);
     execvp(words[2], words + 2);
     _exit(127);
   }
   close(output[1]);
-  if (wants('l')) noteLines(output[0]);
-  follow(child, wants('a'));
+  if (hasOption('l')) printLines(output[0]);
+  follow(child, hasOption('a'));
   return 0;
 }

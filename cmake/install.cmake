@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: MIT
-# What `cmake --install` puts where, in the directories of GNUInstallDirs. Man pages, units and the pkg-config file
-# take the version and the paths from this build.
+# The files that `cmake --install` installs, in the directories of GNUInstallDirs. The man pages, the units and the
+# pkg-config file get their version and paths from this build.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
-set(unit_dir lib/systemd/system) # where systemd looks, whatever the libraries' folder is
+set(unit_dir lib/systemd/system) # systemd reads units here, even where CMAKE_INSTALL_LIBDIR is not lib
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/dorve)
 
 install(TARGETS dorve-client dorve-doctor dorve-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
@@ -24,13 +24,12 @@ install(FILES systemd/80-dorve.preset DESTINATION lib/systemd/system-preset)
 install(DIRECTORY docs/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # The library, for find_package(dorve CONFIG) and for pkg-config. Headers are included as <dorve/LAYER/header.h>.
-# The runner and the doctor are not part of the library.
 install(TARGETS dorve EXPORT dorve
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(DIRECTORY src/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/dorve FILES_MATCHING PATTERN "*.h"
-  PATTERN runner EXCLUDE
-  PATTERN doctor EXCLUDE)
+foreach(layer IN LISTS library_layers)
+  install(DIRECTORY src/${layer}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+endforeach()
 install(EXPORT dorve NAMESPACE dorve:: FILE dorve-targets.cmake DESTINATION ${package_dir})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/dorve-config-version.cmake COMPATIBILITY SameMajorVersion)
 install(FILES cmake/dorve-config.cmake ${PROJECT_BINARY_DIR}/dorve-config-version.cmake

@@ -1,39 +1,61 @@
 // SPDX-License-Identifier: MIT
-// The client's phases on whatever a server may answer.
-#include "../tests/test_access.h"
+// The client's five phases, on any bytes that a server may send as a response.
+#include "dorve/client/dorve_client.h"
 #include "fuzz.h"
 
 using namespace dorve;
 
-const std::vector<std::string> dorve::kSeeds = conversations({0, 32, 512, 4624, 4625});
+/// The friend that DorveClient names.
+struct dorve::TestAccess {
+  /// Runs one phase, 0 to 4, on a connection. All retries are used up, so no failed receive pauses.
+  static bool phase(DorveClient& client, NqSocket&& connection, std::size_t number) {
+    using Phase = bool (DorveClient::*)();
+    constexpr Phase kPhases[] = {&DorveClient::phaseVersionNegotiation, &DorveClient::phaseExchangeKeys,
+                                 &DorveClient::phaseVerifyKeys, &DorveClient::phaseInstallKeys,
+                                 &DorveClient::phaseConfirm};
+    client.retryCount = 3;
+    client.socket = std::move(connection);
+    return (client.*kPhases[number])();
+  }
+};
 
-// Where the text begins that ends a phase well; behind the message when there is none.
-constexpr std::size_t kTextAt[] = {192, sizeof(ExchangeKeysResponse), 160, 192, 160};
+const std::vector<std::string> dorve::kSeeds =
+    conversations({0, kHeaderSize, sizeof(VersionResponse), sizeof(ExchangeKeysResponse),
+                   sizeof(ExchangeKeysResponse) + 1});
+
+// The offset of the text that makes each phase succeed.
+// Phase 1 needs no text, so its offset is the end of the response.
+constexpr std::size_t kTextOffsets[] = {offsetof(VersionResponse, selected_version),
+                                        sizeof(ExchangeKeysResponse), offsetof(VerifyKeysResponse, status),
+                                        offsetof(InstallKeysResponse, install_status),
+                                        offsetof(ConfirmInstallResponse, status)};
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const std::string kAnswers[] = {
-      toWire(makeRecord<VersionResponse>("")).replace(192, 3, "1.0"),
+  static const std::string kGoodResponses[] = {
+      toWire(makeRecord<VersionResponse>(""), kTextOffsets[0], "1.0"),
       toWire(makeRecord<ExchangeKeysResponse>("")),
-      toWire(makeRecord<VerifyKeysResponse>("")).replace(160, 8, kStatusVerified),
-      toWire(makeRecord<InstallKeysResponse>("")).replace(192, 9, kStatusCompleted),
-      toWire(makeRecord<ConfirmInstallResponse>("")).replace(160, 8, kStatusComplete)};
+      toWire(makeRecord<VerifyKeysResponse>(""), kTextOffsets[2], kStatusVerified),
+      toWire(makeRecord<InstallKeysResponse>(""), kTextOffsets[3], kStatusCompleted),
+      toWire(makeRecord<ConfirmInstallResponse>(""), kTextOffsets[4], kStatusComplete)};
   FuzzedDataProvider input(data, size);
   std::remove((kSshDir + "/authorized_keys").c_str());
   DorveClient client("127.0.0.1", 0, kSshDir);
-  TestAccess::backoffMs(client, 3);  // the retries are used up, so no receive that fails makes a pause
   for (int count = 0; count < 10 && input.remaining_bytes() > 0; ++count) {
-    const std::size_t phase = input.ConsumeIntegral<std::uint8_t>() % 5, at = kTextAt[phase];
-    const std::string& good = kAnswers[phase];
-    std::string id;
-    Peer peer(input, [&](const std::string& heard) {
-      return mutate(input, good, id = heard.c_str() + kHeaderSize);
+    const std::size_t phase = input.ConsumeIntegral<std::uint8_t>() % 5, offset = kTextOffsets[phase];
+    const std::string& good = kGoodResponses[phase];
+    std::string id;  // of the client's request
+    Peer peer(input, [&](const std::string& received) {
+      return mutate(input, good, id = received.c_str() + kHeaderSize);
     });
     if (!TestAccess::phase(client, std::move(peer.near), phase)) continue;
-    const std::size_t length = fromWire<VersionQuery>(peer.sent).header.length;
-    check(length <= good.size() && beginsWith(peer.sent, 2 * phase + 1, length), "an answer is sound");
-    const std::string answer = peer.sent.substr(0, length) + std::string(good.size(), '\0');  // may be short
-    check(std::string(answer.c_str() + at) == good.c_str() + at, "an answer says that all is well");
-    check(phase != 0 || answer.c_str() + kHeaderSize == id, "an answer is the query's");
+    const std::size_t length = fromWire<MessageHeader>(peer.messages).length;
+    check(length <= good.size() && beginsWith(peer.messages, 2 * phase + 1, length),
+          "the client accepts only valid responses");
+    // A response may be shorter than its record. The client then takes the missing bytes as zero.
+    const std::string response = peer.messages.substr(0, length) + std::string(good.size(), '\0');
+    check(std::string(response.c_str() + offset) == good.c_str() + offset,
+          "a phase succeeds only if the response says so");
+    check(phase != 0 || response.c_str() + kHeaderSize == id, "a version response has the id of the query");
   }
   return 0;
 }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// What the doctor reads of other programs' output, the words that it quotes for a shell, and what it prints.
+// The doctor's text functions, on any bytes.
+// They read the output of other programs, quote words for a shell and print reports.
 #include <cstdint>
 #include <sstream>
 
@@ -18,7 +19,7 @@ const std::vector<std::string> dorve::kSeeds = {"port 22\nhostname 172.20.10.1\r
                                                 "/root/.ssh/config: line 7: Bad option",
                                                 "/a's line 2 line 31: x"};
 
-/// The one word that a POSIX shell reads. It throws at what must be quoted and is not.
+/// The word that a POSIX shell reads from `text`. Throws if a special character is not quoted.
 static std::string unquote(const std::string& text) {
   if (text.find_first_of("\t\n !\"#$&'()*;<>?[\\]^`{|}~") == std::string::npos && !text.empty()) return text;
   std::string word;
@@ -31,7 +32,7 @@ static std::string unquote(const std::string& text) {
       word += quoted ? text[i] : text.at(++i);
     }
   }
-  check(!quoted, "each quote ends");
+  check(!quoted, "each quote is closed");
   return word;
 }
 
@@ -42,25 +43,29 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const std::string& line : split(text, "\r\n")) {
     const std::vector<std::string> values = settings.all(line.substr(0, line.find(' ')));
     const bool known = std::count(values.begin(), values.end(), line.substr(line.find(' ') + 1)) > 0;
-    check(known || line.find(' ') == std::string::npos, "a setting has the values of all its lines");
+    check(known || line.find(' ') == std::string::npos,
+          "the text after the first blank of a line is a value of its setting");
   }
   const std::string message = CommandResult{CommandResult::End::EXITED, 1, "", text}.message();
   check(split(message, "\r\n") == std::vector{message}, "a message is one line");
-  const std::string repair = disableLine(message);
-  const std::string file = unquote(repair.empty() ? "x" : repair.substr(repair.find("/' ") + 3));
-  check(repair.empty() || message.starts_with(file), "a repair is for the file that the message names");
+  const std::string command = disableLine(message);
+  if (!command.empty()) {
+    const std::string file = unquote(command.substr(command.find("/' ") + 3));
+    check(message.starts_with(file), "a repair command edits the file that the message names");
+  }
 
   std::stringbuf printed;
-  std::streambuf* const usual = std::cout.rdbuf(&printed);
+  std::streambuf* const previous = std::cout.rdbuf(&printed);
   Report(Report::Format::JSON).add({Verdict::FAIL, "name", text, text, text});
-  std::cout.rdbuf(usual);
+  std::cout.rdbuf(previous);
   const std::string object = printed.str();
   int quotes = 0;
   for (std::size_t i = 0; i + 1 < object.size(); ++i) {
-    check(object[i] < '\0' || (object[i] >= ' ' && object[i] != 0x7F), "an object has no control characters");
-    quotes += object[i] == '"' ? 1 : 0;
-    i += object[i] == '\\' ? 1 : 0;
+    check(object[i] < '\0' || (object[i] >= ' ' && object[i] != 0x7F),
+          "JSON output has no control characters");
+    if (object[i] == '"') ++quotes;
+    if (object[i] == '\\') ++i;  // the next character is escaped
   }
-  check(quotes == 20, "no text ends its quotes");
+  check(quotes == 20, "the quotes around five names and five values are the only ones without a backslash");
   return 0;
 }

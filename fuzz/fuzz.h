@@ -15,28 +15,32 @@
 #include "dorve/net/nq_socket.h"
 #include "dorve/protocol/messages.h"
 
-/// What the targets share. Of an input they take texts from the front and numbers from the end.
+/// Functions that all fuzz targets use.
+/// FuzzedDataProvider reads texts from the start of an input and numbers from the end.
 namespace dorve {
 
-/// In the directory where the target runs, which scripts/fuzz makes in memory.
+/// The SSH directory that a target edits.
+/// The path is relative, because scripts/fuzz runs each target in a directory in memory.
 inline const std::string kSshDir = "fuzz-ssh";
 
-/// Each target's inputs to begin with; `TARGET --seeds DIRECTORY` writes them.
+/// The inputs that a target starts from. `TARGET --seeds DIRECTORY` writes them to files.
 extern const std::vector<std::string> kSeeds;
 
-/// Nobody catches it, so a broken promise ends the program, and libFuzzer keeps the input.
-inline void check(bool kept, const char* promise) {
-  if (!kept) throw std::logic_error(promise);
+/// Throws if an expectation does not hold.
+/// Nothing catches the exception, so the program ends and libFuzzer saves the input.
+inline void check(bool holds, const char* expectation) {
+  if (!holds) throw std::logic_error(expectation);
 }
 
-/// A sealed record as the bytes of the wire.
+/// The wire bytes of a record that has `text` at `offset`.
 template <typename Record>
-std::string toWire(Record record) {
+std::string toWire(Record record, std::size_t offset = 0, std::string_view text = "") {
+  text.copy(reinterpret_cast<char*>(&record) + offset, text.size());
   seal(record);
   return {reinterpret_cast<const char*>(&record), sizeof record};
 }
 
-/// The record in a wire message, header decoded, missing bytes zero.
+/// The record in the wire bytes of a message, with its header in host order. Missing bytes are zero.
 template <typename Record>
 Record fromWire(const std::string& wire) {
   Record record{};
@@ -45,81 +49,7 @@ Record fromWire(const std::string& wire) {
   return record;
 }
 
-/// recv(2), and what stands in its place, under the names that --wrap=recv gives them.
-ssize_t realReceive(int descriptor, void* buffer, std::size_t size, int flags) asm("__real_recv");
-ssize_t peerReceive(int descriptor, void* buffer, std::size_t size, int flags) asm("__wrap_recv");
-
-/// The far end of a connection, in the same thread: when the near end receives, it sends as much as the input
-/// wants of the messages that `next` makes of what was heard, and closes after the last, so nobody waits.
-struct Peer {
-  Peer(FuzzedDataProvider& numbers, std::function<std::string(const std::string& heard)> next)
-      : input(numbers), nextMessage(std::move(next)) {
-    check(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "a socket pair can be made");
-    near = NqSocket(ends[0]);
-    far = NqSocket(ends[1]);
-    current = this;
-  }
-
-  const std::string& hear() {
-    char chunk[8192];
-    const ssize_t size = realReceive(ends[1], chunk, sizeof chunk, MSG_DONTWAIT);
-    return size > 0 ? heard.append(chunk, static_cast<std::size_t>(size)) : heard;
-  }
-
-  static inline Peer* current = nullptr;
-  FuzzedDataProvider& input;
-  std::function<std::string(const std::string&)> nextMessage;
-  int ends[2];
-  NqSocket near, far;
-  std::string heard, sent;  ///< all bytes from the near end, and of the messages for it
-  std::size_t taken = 0;    ///< how many of the latter have gone
-};
-
-ssize_t peerReceive(int descriptor, void* buffer, std::size_t size, int flags) {
-  check(__asan_region_is_poisoned(buffer, size) == nullptr, "a receive ends inside its buffer");
-  Peer& peer = *Peer::current;
-  const auto number = [&] { return peer.input.ConsumeIntegral<std::uint8_t>(); };
-  if (peer.hear(); peer.taken == peer.sent.size() && peer.taken < 99999 && peer.input.remaining_bytes() > 0) {
-    do peer.sent += peer.nextMessage(peer.heard);
-    while (number() == 1);
-  }
-  const std::size_t most = number();
-  if (most > 253) return errno = most == 254 ? EINTR : ECONNRESET, -1;
-  const std::string segment = peer.sent.substr(peer.taken, most == 0 ? size : std::min(size, most));
-  peer.taken += segment.size();
-  segment.empty() ? void(peer.far.shutdown(SHUT_WR)) : peer.far.sendAll(segment);
-  return realReceive(descriptor, buffer, size, flags);
-}
-
-/// What the input makes of a sound message: another size, other bytes, perhaps no NULs; and unless it wants
-/// them wrong the id, the length in the header, the checksum.
-inline std::string mutate(FuzzedDataProvider& input, std::string wire, const std::string& id) {
-  const unsigned wrong = input.ConsumeIntegral<std::uint8_t>();
-  if (const auto size = input.ConsumeIntegral<std::uint16_t>() % 8200U; size != 0) wire.resize(size, 'x');
-  const std::string bytes = input.ConsumeBytesAsString(input.ConsumeIntegral<std::uint16_t>());
-  wire.replace(input.ConsumeIntegral<std::uint16_t>() % (wire.size() + 1), bytes.size(), bytes);
-  if (wire.size() < kHeaderSize) return wire;
-  if ((wrong & 8) != 0) std::replace(wire.begin() + kHeaderSize, wire.end(), '\0', 'x');
-  if ((wrong & 1) == 0 && wire.size() > 160) wire.replace(32, id.size() + 1, id.c_str(), id.size() + 1);
-  auto* const header = reinterpret_cast<MessageHeader*>(wire.data());
-  MessageSerializer::decodeHeader(header);
-  if ((wrong & 2) == 0) header->length = static_cast<std::uint32_t>(wire.size());
-  if ((wrong & 4) == 0) MessageSerializer::setChecksum(header, wire.size());
-  MessageSerializer::encodeHeader(header);
-  return wire;
-}
-
-/// For each of these sizes (0: their own) all five kinds of messages in turn.
-inline std::vector<std::string> conversations(const std::vector<std::size_t>& sizes) {
-  std::vector<std::string> seeds;
-  for (const std::size_t size : sizes) {
-    const std::string how = {0, 0, 0, 0, 0, 0, static_cast<char>(size), static_cast<char>(size / 256), 0};
-    seeds.push_back(how + '\4' + how + '\3' + how + '\2' + how + '\1' + how + '\0');
-  }
-  return seeds;
-}
-
-/// Whether a stream begins with a whole sound message of this kind.
+/// Whether `wire` begins with a complete, valid message of this type and size.
 inline bool beginsWith(std::string wire, std::size_t type, std::size_t size) {
   if (wire.size() < size) return false;
   MessageSerializer::decodeHeader(wire.data());
@@ -127,8 +57,105 @@ inline bool beginsWith(std::string wire, std::size_t type, std::size_t size) {
          MessageSerializer::validateHeader(wire.data(), static_cast<std::uint16_t>(type), size);
 }
 
+/// recv(2) and its replacement. The linker's option --wrap=recv gives them these names.
+ssize_t realReceive(int descriptor, void* buffer, std::size_t size, int flags) asm("__real_recv");
+ssize_t wrappedReceive(int descriptor, void* buffer, std::size_t size, int flags) asm("__wrap_recv");
+
+/// A scripted peer at the far end of a connection. The code under test uses the near end in the same thread.
+///
+/// Before each receive of the near end, `wrappedReceive` lets the peer send. After its last message, the peer
+/// closes the connection, so no receive waits. `next` makes the next message from all bytes received so far.
+struct Peer {
+  Peer(FuzzedDataProvider& provider, std::function<std::string(const std::string& received)> next)
+      : input(provider), nextMessage(std::move(next)) {
+    check(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "a socket pair can be made");
+    near = NqSocket(ends[0]);
+    far = NqSocket(ends[1]);
+    current = this;
+  }
+
+  /// Reads what the near end sent since the last call. Returns all bytes from the near end.
+  const std::string& receive() {
+    char chunk[8192];
+    const ssize_t size = realReceive(ends[1], chunk, sizeof chunk, MSG_DONTWAIT);
+    return size > 0 ? received.append(chunk, static_cast<std::size_t>(size)) : received;
+  }
+
+  static inline Peer* current = nullptr;
+  FuzzedDataProvider& input;
+  std::function<std::string(const std::string&)> nextMessage;
+  int ends[2];
+  NqSocket near, far;
+  std::string received;  ///< all bytes from the near end
+  std::string messages;  ///< the peer's messages so far, one after the other
+  std::size_t sent = 0;  ///< how many bytes of `messages` the peer has sent
+};
+
+/// Sends from the current peer, then receives. The input chooses the size of the segment, or an error.
+ssize_t wrappedReceive(int descriptor, void* buffer, std::size_t size, int flags) {
+  constexpr std::size_t kMaxSent = 99999;
+  constexpr std::size_t kInterrupted = 254, kReset = 255;
+  check(__asan_region_is_poisoned(buffer, size) == nullptr, "a receive ends inside its buffer");
+  Peer& peer = *Peer::current;
+  const auto nextByte = [&] { return peer.input.ConsumeIntegral<std::uint8_t>(); };
+  peer.receive();
+  if (peer.sent == peer.messages.size() && peer.sent < kMaxSent && peer.input.remaining_bytes() > 0) {
+    do {
+      peer.messages += peer.nextMessage(peer.received);
+    } while (nextByte() == 1);
+  }
+  const std::size_t choice = nextByte();
+  if (choice == kInterrupted) return errno = EINTR, -1;
+  if (choice == kReset) return errno = ECONNRESET, -1;
+  const std::size_t most = choice == 0 ? size : std::min(size, choice);
+  const std::string segment = peer.messages.substr(peer.sent, most);
+  peer.sent += segment.size();
+  if (segment.empty()) {
+    peer.far.shutdown(SHUT_WR);
+  } else {
+    peer.far.sendAll(segment);
+  }
+  return realReceive(descriptor, buffer, size, flags);
+}
+
+/// A variation of a valid message. The input chooses its size and overwrites some of its bytes.
+/// Then `mutate` corrects the request id, the length and the checksum, unless the input forbids one of these.
+/// A message shorter than a header stays uncorrected.
+inline std::string mutate(FuzzedDataProvider& input, std::string wire, const std::string& id) {
+  constexpr unsigned kWrongId = 1, kWrongLength = 2, kWrongChecksum = 4, kNoNuls = 8;
+  constexpr std::size_t kIdEnd = kHeaderSize + kRequestIdCapacity;
+  const unsigned choice = input.ConsumeIntegral<std::uint8_t>();
+  if (const auto size = input.ConsumeIntegral<std::uint16_t>() % 8200U; size != 0) wire.resize(size, 'x');
+  const std::string bytes = input.ConsumeBytesAsString(input.ConsumeIntegral<std::uint16_t>());
+  wire.replace(input.ConsumeIntegral<std::uint16_t>() % (wire.size() + 1), bytes.size(), bytes);
+  if (wire.size() < kHeaderSize) return wire;
+  if ((choice & kNoNuls) != 0) std::replace(wire.begin() + kHeaderSize, wire.end(), '\0', 'x');
+  if ((choice & kWrongId) == 0 && wire.size() > kIdEnd)
+    wire.replace(kHeaderSize, id.size() + 1, id.c_str(), id.size() + 1);
+  auto* const header = reinterpret_cast<MessageHeader*>(wire.data());
+  MessageSerializer::decodeHeader(header);
+  if ((choice & kWrongLength) == 0) header->length = static_cast<std::uint32_t>(wire.size());
+  if ((choice & kWrongChecksum) == 0) MessageSerializer::setChecksum(header, wire.size());
+  MessageSerializer::encodeHeader(header);
+  return wire;
+}
+
+/// One seed for each size: a conversation in which all five kinds of messages have that size.
+/// If the size is 0, each message has the size of its record.
+inline std::vector<std::string> conversations(const std::vector<std::size_t>& sizes) {
+  std::vector<std::string> seeds;
+  for (const std::size_t size : sizes) {
+    // The target reads these bytes from the end: the kind of the message, the numbers for `mutate`,
+    // then those for `wrappedReceive`. All are 0 except the kind and the size.
+    const std::string choices = {0, 0, 0, 0, 0, 0, static_cast<char>(size), static_cast<char>(size / 256), 0};
+    seeds.push_back(choices + '\4' + choices + '\3' + choices + '\2' + choices + '\1' + choices + '\0');
+  }
+  return seeds;
+}
+
 }  // namespace dorve
 
+/// Writes the seeds if --seeds asks for them. Otherwise hides what the code under test prints.
 extern "C" int LLVMFuzzerInitialize(int* count, char*** arguments) {
   if (*count == 3 && std::string((*arguments)[1]) == "--seeds") {
     for (int number = 0; const std::string& seed : dorve::kSeeds)

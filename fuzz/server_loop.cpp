@@ -1,37 +1,60 @@
 // SPDX-License-Identifier: MIT
-// The server's request loop on whatever a client may send.
+// The server's request loop, on any bytes that a client may send.
 #include "dorve/server/dorve_server.h"
 #include "fuzz.h"
 
 using namespace dorve;
 
-const std::vector<std::string> dorve::kSeeds = conversations({0, 32, SERVER_RECEIVE_BUFFER, 8193});
+const std::vector<std::string> dorve::kSeeds = [] {
+  auto seeds = conversations({0, kHeaderSize, SERVER_RECEIVE_BUFFER, SERVER_RECEIVE_BUFFER + 1});
+  seeds.emplace_back("\x10\0\0\7\0\1\0\0\0\0\0", 11);  // a valid message of an unknown type
+  return seeds;
+}();
 
-// Of each answer its size, and where its texts behind the id end: each with a NUL.
-constexpr unsigned kEnds[][4] = {
-    {512, 192, 224, 488}, {4624, 4256, 4321}, {354, 192}, {508, 192, 224}, {473, 192}};
+/// A kind of response: its size, and the offsets where its text fields after the id end (0 for none).
+struct ResponseLayout {
+  std::size_t size;
+  std::size_t textEnds[3];
+};
+
+constexpr ResponseLayout kResponses[] = {
+    {sizeof(VersionResponse),
+     {offsetof(VersionResponse, selected_version), offsetof(VersionResponse, features),
+      offsetof(VersionResponse, reserved)}},
+    {sizeof(ExchangeKeysResponse),
+     {offsetof(ExchangeKeysResponse, session_token), offsetof(ExchangeKeysResponse, token_expiry_us)}},
+    {sizeof(VerifyKeysResponse), {offsetof(VerifyKeysResponse, status) + kStatusCapacity}},
+    {sizeof(InstallKeysResponse),
+     {offsetof(InstallKeysResponse, install_status),
+      offsetof(InstallKeysResponse, install_status) + kStatusCapacity}},
+    {sizeof(ConfirmInstallResponse), {offsetof(ConfirmInstallResponse, status) + kStatusCapacity}}};
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const std::string kRequests[] = {
-      toWire(makeRecord<VersionQuery>("")).replace(192, 8, "2.0, 1.0"),
+      toWire(makeRecord<VersionQuery>(""), offsetof(VersionQuery, supported_versions), "2.0, 1.0"),
       toWire(makeRecord<ExchangeKeysRequest>("")), toWire(makeRecord<VerifyKeysRequest>("")),
       toWire(makeRecord<InstallKeysRequest>("")), toWire(makeRecord<ConfirmInstallRequest>(""))};
   FuzzedDataProvider input(data, size);
-  Peer peer(input, [&](const std::string& /*heard*/) {
-    return mutate(input, kRequests[input.ConsumeIntegral<std::uint8_t>() % 5], std::to_string(peer.taken));
+  Peer peer(input, [&](const std::string& /*received*/) {
+    return mutate(input, kRequests[input.ConsumeIntegral<std::uint8_t>() % 5], std::to_string(peer.sent));
   });
   std::remove((kSshDir + "/authorized_keys").c_str());
   DorveServer server("", 0, kSshDir);
   server.processRequest(peer.near);
 
-  for (std::string answers = peer.hear(); !answers.empty();) {
+  for (std::string responses = peer.receive(); !responses.empty();) {
     std::size_t kind = 0;
-    while (kind < 5 && !beginsWith(answers, 2 * kind + 1, kEnds[kind][0])) ++kind;
-    check(kind < 5, "an answer is a whole sound message");
-    for (const unsigned end : kEnds[kind]) check(end == 0 || answers[end - 1] == 0, "a text ends");
-    const std::string id = answers.c_str() + kHeaderSize;
-    check(id.size() < 128 && peer.sent.find(id) != std::string::npos, "an answer has a request's id");
-    answers.erase(0, kEnds[kind][0]);
+    while (kind < 5 && !beginsWith(responses, 2 * kind + 1, kResponses[kind].size)) ++kind;
+    check(kind < 5, "each response is complete and valid");
+    const ResponseLayout& layout = kResponses[kind];
+    check(responses[layout.size - 1] == 0, "the last byte of a response is reserved");
+    for (const std::size_t end : layout.textEnds) {
+      check(end == 0 || responses[end - 1] == 0, "a text field ends with a NUL");
+    }
+    const std::string id = responses.c_str() + kHeaderSize;
+    check(id.size() < kRequestIdCapacity && peer.messages.find(id) != std::string::npos,
+          "a response has the id of a request");
+    responses.erase(0, layout.size);
   }
   return 0;
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The edits of authorized_keys, known_hosts and config on whatever a user's files may hold, on a disk that
-// may be full.
+// The edits of authorized_keys, known_hosts and config.
+// The files may hold any text, and the disk may be full.
 #include "dorve/keys/ssh_files.h"
 
 #include <filesystem>
@@ -23,26 +23,29 @@ const std::vector<std::string> dorve::kSeeds = {
     "\\\n172.20.10.1 C\nno end\1\1a", "\\\n# Host 172.20.10.1\nHost x\xFF\1b",
     "\\\n\n\nHost 172.20.10.3\n  User y\n\4\xF0z"};
 
-/// How many bytes the next write can store before the disk is full; reset by the first that does not fit.
-static constexpr std::size_t kEnough = SIZE_MAX;
-static std::size_t freeBytes = kEnough;
+/// The most bytes that a write can store. The first write that exceeds this stores only so many bytes and
+/// removes the limit, so that the edit can restore the file.
+static constexpr std::size_t kUnlimited = SIZE_MAX;
+static std::size_t freeBytes = kUnlimited;
 
+/// pwrite(2) and its replacement. The linker's option --wrap=pwrite64 gives them these names.
 ssize_t realWrite(int descriptor, const void* data, std::size_t size, off_t offset) asm("__real_pwrite64");
 ssize_t limitedWrite(int descriptor, const void* data, std::size_t size, off_t offset) asm("__wrap_pwrite64");
 
 ssize_t limitedWrite(int descriptor, const void* data, std::size_t size, off_t offset) {
   const std::size_t stored = std::min(size, freeBytes);
-  if (stored < size) freeBytes = kEnough;
+  if (stored < size) freeBytes = kUnlimited;
   if (stored == 0 && size > 0) return errno = ENOSPC, -1;
   return realWrite(descriptor, data, stored, offset);
 }
 
-/// All foreign lines, byte for byte and in order, a blank one, the entry.
-static std::string withEntry(const std::string& text, const std::string& mark, const std::string& entry) {
+/// The text that an edit must give: all lines without `marker`, unchanged and in order, and then the entry.
+/// A blank line separates them.
+static std::string withEntry(const std::string& text, const std::string& marker, const std::string& entry) {
   std::istringstream lines(text);
   std::string kept;
   for (std::string line; std::getline(lines, line);)
-    if (!line.empty() && line.find(mark) == std::string::npos) kept += line + "\n";
+    if (!line.empty() && line.find(marker) == std::string::npos) kept += line + "\n";
   return kept + (kept.empty() ? "" : "\n") + entry;
 }
 
@@ -53,29 +56,30 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string words = input.ConsumeRandomLengthString(), text = input.ConsumeRemainingBytesAsString();
   const std::string key = "ssh-ed25519 " + words.substr(0, words.find_first_of(std::string("\n\0", 2))) +
                           kName + (times % 2 == 0 ? "" : "\n");
-  std::string before;  // to more than the files are read by at a time
+  std::string before;  // repeats the text, because a file longer than 16384 bytes needs several reads
   for (int i = 0; i < times && before.size() + text.size() < 20000; ++i) before += text;
-  const bool known = before.find(kHostLine) != std::string::npos;
+  const bool hasBlock = before.find(kHostLine) != std::string::npos;
   const std::tuple<const char*, std::function<void()>, std::string> edits[] = {
       {"/authorized_keys", [&] { addAuthKey(kSshDir, kName, key.c_str()); }, withEntry(before, kName, key)},
       {"/known_hosts", [&] { addKnownHost(kSshDir, key.c_str(), kHost.c_str()); },
        withEntry(before, kHost, kHost + " " + key)},
-      {"/config", [&] { addSshConfig(kSshDir, kName, kHost.c_str()); }, known ? before : before + kBlock}};
-  const auto& [name, edit, promised] = edits[choice % 3];
+      {"/config", [&] { addSshConfig(kSshDir, kName, kHost.c_str()); }, hasBlock ? before : before + kBlock}};
+  const auto& [name, edit, expected] = edits[choice % 3];
   const std::string path = kSshDir + name;
   makeSshDirectory(kSshDir);
   std::remove(path.c_str());
   if (!before.empty()) std::ofstream(path, std::ios::binary) << before;
-  freeBytes = limit == 255 ? kEnough : 16 * limit;
-  const bool limited = freeBytes != kEnough;
+  const bool limited = limit != 255;
+  freeBytes = limited ? 16 * limit : kUnlimited;
   edit();
-  const bool full = limited && freeBytes == kEnough;
-  check(readFileText(path) == (full ? before : promised), "the whole old text or the whole new one");
-  freeBytes = kEnough;
+  const bool wasFull = limited && freeBytes == kUnlimited;
+  check(readFileText(path) == (wasFull ? before : expected),
+        "a full disk leaves the old text, otherwise the file has the new text");
+  freeBytes = kUnlimited;
   for (int run = 0; run < 2; ++run) {
     edit();
-    check(readFileText(path) == promised, "all foreign lines stay, and there is one entry or block");
-    check(std::filesystem::status(path).permissions() == std::filesystem::perms{0600}, "mode 0600");
+    check(readFileText(path) == expected, "a repeated edit gives the same text");
+    check(std::filesystem::status(path).permissions() == std::filesystem::perms{0600}, "the mode is 0600");
   }
   return 0;
 }

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""What the tools in Python share with the shell scripts: scripts/common.sh installs packages and builds."""
+"""Functions that the Python tools share. scripts/common.sh installs the packages and builds the programs for them."""
 
 import os
 import pathlib
@@ -13,25 +13,20 @@ os.environ.update(LC_ALL="C.UTF-8", PATH="/usr/local/sbin:/usr/local/bin:/usr/sb
 
 
 def require_root():
-    """Ends the program with the command to type unless it runs as root."""
+    """Exits unless the program runs as root, and prints the command to type."""
     if os.geteuid() != 0:
         sys.exit(f"{os.path.basename(sys.argv[0])} needs root, type: sudo {shlex.join(sys.argv)}")
 
 
 def install(*lists):
-    """Installs what is missing of package lists in scripts/common.sh, such as "lab" for lab_packages."""
+    """Installs the missing packages of lists in scripts/common.sh, such as "lab" for lab_packages."""
     _common("install_missing " + " ".join(f'"${{{name}_packages[@]}}"' for name in lists))
 
 
 def build(preset, *targets):
-    """Builds a preset, all targets unless some are named; returns the folder that holds the programs."""
+    """Builds the targets of a preset, or all targets if none is named. Returns the folder that holds the programs."""
     _common(shlex.join(["build", preset, *targets]))
     return CHECKOUT / "build" / preset
-
-
-def return_build():
-    """Gives the caller of sudo what root has written to build/."""
-    _common("return_build")
 
 
 def _common(command):

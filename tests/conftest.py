@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""What all tests of the programs share: the folder with the programs, and a fresh lab for each test."""
+"""What all tests of the programs share: the folder with the programs, and the labs."""
 
 import contextlib
 import pathlib
@@ -38,12 +38,6 @@ def tampered(build):
         return ["strace", "-qq", "-o", "/dev/null", "-E", "ASAN_OPTIONS=detect_leaks=0", "-e", f"inject={rule}",
                 build / program]
     return command
-
-
-@pytest.fixture
-def client_run():
-    """What a good run of the client prints, as the documentation has it."""
-    return (CHECKOUT / "docs/client-run.txt").read_text()
 
 
 @pytest.fixture

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the client and the server do for programs that embed them, where no run of a program shows it.
+// Operations of DorveClient and DorveServer for embedders, which the programs do not call.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -92,7 +92,7 @@ TEST_F(Drivers, ClientNamesStatesThatNoRunEnters) {
   DorveClient client("127.0.0.1", 8888, directory);
   testing::internal::CaptureStdout();
   TestAccess::transition(client, 16);
-  TestAccess::transition(client, 15);
+  TestAccess::transition(client, static_cast<int>(ClientState::ERROR));
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "State transition: INIT -> UNKNOWN\nState transition: UNKNOWN -> ERROR\n");
 }

@@ -13,7 +13,7 @@
 
 namespace dorve {
 
-/// The friend that the classes name for their tests: it sees what no caller may, and exists nowhere but here.
+/// The friend that the classes declare for tests. It gives access to private members.
 struct TestAccess {
   static VersionTable versionTable(const char* current, const char* supported) {
     return {current, supported};
@@ -40,16 +40,6 @@ struct TestAccess {
     char buffer[512];
     unsigned long received = 0;
     return client.receiveResponse(buffer, sizeof buffer, &received, timeoutMs);
-  }
-
-  /// One phase of a client, 0 to 4, on a connection that the test made.
-  static bool phase(DorveClient& client, NqSocket&& connection, std::size_t number) {
-    using Phase = bool (DorveClient::*)();
-    constexpr Phase kPhases[] = {&DorveClient::phaseVersionNegotiation, &DorveClient::phaseExchangeKeys,
-                                 &DorveClient::phaseVerifyKeys, &DorveClient::phaseInstallKeys,
-                                 &DorveClient::phaseConfirm};
-    client.socket = std::move(connection);
-    return (client.*kPhases[number])();
   }
 
   static void transition(DorveClient& client, int state) {

@@ -73,41 +73,41 @@ close
 """
 
 RUNS_THAT_FAIL = {
-    # host, what makes the run fail there, a fault that strace puts in; its calls, its status and standard error
+    # The host, a command that makes the run fail, faults for strace to inject; the calls, the status, standard error.
     "no interface": (
-        "client", "ip link set bsab down; ip link set bsab name other", None,
+        "client", "ip link set bsab down; ip link set bsab name other", [],
         f"{NEW_KEY}49 times:\n{INTERFACE} ENOENT\nclock_nanosleep 200 ms\nend\n{INTERFACE} ENOENT\n",
         1, "ERROR: Interface 'bsab' not available after 10 seconds\nClient failed\n"),
     "connection refused": (
-        "client", "true", None,
+        "client", "true", [],
         f"{UNTIL_CONNECT}"
         f"150 times:\nconnect {ADDRESS} ECONNREFUSED\nclose\n{CLIENT_SOCKET}clock_nanosleep 200 ms\nend\n"
         f"connect {ADDRESS} ECONNREFUSED\n",
         134, "terminate called after throwing an instance of 'dorve::NqSocketException'\n"
              "  what():  Connect failed after 151 attempts: Connection refused\n"),
     "no address": (
-        "server", "ip address flush dev bsab", None,
+        "server", "ip address flush dev bsab", [],
         f"{UNTIL_BIND}100 times:\nbind {ADDRESS} EADDRNOTAVAIL\nclose\n"
         f"{SOCKET}{LISTENER_TIMEOUT}SO_REUSEADDR [1]\nclock_nanosleep 200 ms\nend\n"
         f"bind {ADDRESS} EADDRNOTAVAIL\nclose\n",
         1, "Exception\nServer failed\n"),
     "no client": (
-        "server", "true", "accept:error=EAGAIN",
+        "server", "true", ["accept:error=EAGAIN"],
         f"{UNTIL_CLIENT}accept EAGAIN\nclose\n",
         1, "Exception\nServer failed\n"),
 }
 
 
-def start(host, program, fault=None):
-    """Starts a program under strace, which skips its pauses."""
-    # The search for leaks of the sanitizers does not work under strace.
+def start(host, program, *faults):
+    """Starts a program under strace, which skips its pauses and injects faults."""
+    # LeakSanitizer does not work under strace.
     return host.start(["strace", "-qqq", "-y", "-s", "16", "-o", "/root/trace", "-E", "ASAN_OPTIONS=detect_leaks=0",
                        "-e", "trace=%file,%network,clock_nanosleep,close,wait4",
-                       *(f"--inject={rule}" for rule in ("clock_nanosleep:retval=0", fault) if rule), program])
+                       *(f"--inject={rule}" for rule in ("clock_nanosleep:retval=0", *faults)), program])
 
 
 def calls(host):
-    """What the last traced program asked for, as far as it concerns its sockets, its pauses and our files."""
+    """The calls of the last traced program that concern its sockets, its pauses and our files."""
     wanted = re.compile(r'.*<socket:|clock_nanosleep|wait4|\w+\((AT_FDCWD<.*>, )?"/(root/\.ssh|sys/class/net/)')
     lines = filter(wanted.match, host.path("/root/trace").read_text().splitlines())
     text = "".join(f"{simplify(line)}\n" for line in lines)
@@ -119,7 +119,7 @@ def calls(host):
 
 
 def simplify(line):
-    """A line of strace without descriptors, results and what differs from run to run, its time in milliseconds."""
+    """A line of strace with its time in milliseconds, without descriptors, results and values that vary."""
     call, arguments, error = re.fullmatch(r"(\w+)\((.*)\) += (?:-1 (E\w+))?.*", line).groups("")
     arguments = re.sub(r"^(AT_FDCWD|\d+)<.*?>(, )?", "", arguments)
     if call == "setsockopt":
@@ -152,15 +152,24 @@ def test_a_good_run(lab, build):
 
 @pytest.mark.parametrize("case", RUNS_THAT_FAIL)
 def test_a_run_that_fails(lab, build, case):
-    side, command, fault, expected, status, errors = RUNS_THAT_FAIL[case]
+    side, command, faults, expected, status, errors = RUNS_THAT_FAIL[case]
     host = {"client": lab.client, "server": lab.server}[side]
     host.check(command)
-    outcome = start(host, build / f"dorve-{side}", fault).wait()
+    outcome = start(host, build / f"dorve-{side}", *faults).wait()
     assert (outcome.status, outcome.err) == (status, errors)
     assert calls(host) == expected.splitlines()
 
 
 def test_a_failed_receive_is_followed_by_a_pause(lab, build):
     with lab.server.listen():
-        start(lab.client, build / "dorve-client", "recvfrom:error=EAGAIN").wait()
-    assert calls(lab.client) == f"{UNTIL_ANSWER}recvfrom 512, 0 EAGAIN\nclock_nanosleep 200 ms\nclose\n".splitlines()
+        start(lab.client, build / "dorve-client", "recvfrom:error=EAGAIN", "clock_nanosleep:error=EINTR:when=1").wait()
+    assert calls(lab.client) == (f"{UNTIL_ANSWER}recvfrom 512, 0 EAGAIN\nclock_nanosleep 200 ms EINTR\n"
+                                 "clock_nanosleep 200 ms\nclose\n").splitlines()
+
+
+def test_a_signal_ends_no_call(lab, build):
+    server = start(lab.server, build / "dorve-server", "accept,recvfrom,sendto:error=EINTR:when=1+2")
+    eventually(lab.server.listens)
+    client = start(lab.client, build / "dorve-client", "recvfrom,sendto:error=EINTR:when=1+2")
+    assert (server.wait().status, client.wait().status) == (0, 0)
+    assert {"accept EINTR", "recvfrom 8192, 0 EINTR", "sendto 512, MSG_NOSIGNAL EINTR"} <= set(calls(lab.server))

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The wire: what docs/ says of it, what the programs send, and what the dissector shows of that."""
+"""Compares the tables and the example of the protocol, a pairing of the programs, and the dissector's display."""
 
 import re
 import shutil
@@ -13,12 +13,11 @@ from conftest import CHECKOUT
 TABLE_ROW = re.compile(r"^\| (\d+) \| (\d+) \| `(\w+)`", re.M)
 HEX_ROW = re.compile(r"([0-9a-f]{4})  (.{48})(?:\s*(\d+) (\w+))?.*")
 VARYING = re.compile("checksum|timestamp|_id|_key|_token|_us")
-HEADER_SIZE = 32  # bytes
 TYPES = [str(number) for number in range(10)]
 
 
 class Example:
-    """An annotated pairing, as docs/ has it and scripts/record-example prints it of a capture."""
+    """An annotated pairing, from docs/ or from scripts/record-example."""
 
     def __init__(self, text):
         self.fields = []    # offset, size and name of all fields, the header's once
@@ -37,7 +36,7 @@ class Example:
             self.messages[-1] += bytes(int(zeroes[1])) if zeroes else bytes.fromhex(row[2])
             if row[4]:
                 name = row[4]
-                if offset >= HEADER_SIZE or len(self.messages) == 1:
+                if offset >= wire.HEADER.size or len(self.messages) == 1:
                     self.fields.append((offset, int(row[3]), name))
             if not VARYING.search(name):
                 self.constant.append(line)
@@ -83,17 +82,17 @@ def test_a_pairing_is_dissected_as_documented(lab, build, tmp_path):
     strange = ("dorve.timestamp > frame.time || dorve.completed_at_us > frame.time || "
                "dorve.token_expiry_us < frame.time || dorve.response_time > frame.time_relative || "
                "_ws.expert.severity >= 4194304")  # a note, or worse
-    frames, kinds, pieces, good, answered_in, answer_to = zip(*show(
+    frames, kinds, pieces, good, response_in, response_to = zip(*show(
         f"!({strange})", "frame.number", "dorve.type", "tcp.segment.count", "dorve.checksum.status",
         "dorve.response_in", "dorve.response_to"))
     assert list(kinds) == TYPES
     assert [kind for kind, count in zip(kinds, pieces) if count] == ["2", "3"]
     assert set(good) == {"1"}
-    assert answered_in[::2] == frames[1::2] and answer_to[1::2] == frames[::2]
-    assert not any(answered_in[1::2] + answer_to[::2])
+    assert response_in[::2] == frames[1::2] and response_to[1::2] == frames[::2]
+    assert not any(response_in[1::2] + response_to[::2])
 
     damaged = bytearray(capture.read_bytes())
     for number, message in enumerate(live.messages):
-        damaged[damaged.index(message[:HEADER_SIZE]) + 23 * number] ^= 1
+        damaged[damaged.index(message[:wire.HEADER.size]) + 23 * number] ^= 1
     capture.write_bytes(damaged)
     assert show("dorve.bad_checksum", "dorve.type") == [[kind] for kind in TYPES]

@@ -50,7 +50,7 @@ def _read_tables():
         if section.startswith("Message\n"):
             header = Table(section)
             header.names[header.names.index("reserved")] = "header_reserved"
-        elif title := re.match(r"Type (\d), (\w+), (\d+) bytes", section):
+        elif title := re.match(r"Type (\d+), (\w+), (\d+) bytes", section):
             records[title[2]] = record = Table(section, header.size)
             record.fixed["type"] = int(title[1])
             assert header.size + record.size == int(title[3]), f"{title[2]} has another size than its title says"
@@ -61,7 +61,7 @@ HEADER, RECORDS = _read_tables()
 
 
 def build(name, size=None, **fields):
-    """A message of the record `name`, sound but for these fields, cut or filled with zeros to make `size` bytes."""
+    """A message of the record `name`, valid except where `fields` say otherwise, truncated or zero-filled to `size`."""
     body = RECORDS[name].pack("<", fields)
     if size is not None:
         body = body[:size - HEADER.size].ljust(size - HEADER.size, b"\0")
@@ -71,12 +71,12 @@ def build(name, size=None, **fields):
 
 
 def checksum(header, body):
-    """The CRC over the header in little-endian order, its `checksum` zero, and the body."""
+    """The CRC of the header, in little-endian order and with `checksum` 0, followed by the body."""
     return zlib.crc32(HEADER.pack("<", header | {"checksum": 0}) + body)
 
 
 def read(message):
-    """The fields of a message, header and body, of a whole and undamaged one."""
+    """The fields of the header and the body of a message, which must be undamaged."""
     header, body = HEADER.unpack(">", message[:HEADER.size]), message[HEADER.size:]
     assert header["checksum"] == checksum(header, body), "the checksum is wrong"
     record = next(record for record in RECORDS.values() if record.fixed["type"] == header["type"])

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The client's key and file operations: the shared ones of keys/, on this side's directory and key name.
+// The client's key and file operations: those of keys/ for this client's SSH directory and pairing key.
 #include <iostream>
 
 #include "dorve/client/dorve_client.h"

@@ -31,7 +31,7 @@ Request DorveClient::makeRequest() {
 }
 
 template <typename Request, typename Response>
-bool DorveClient::exchange(const Request& request, Response& response, const Exchange& rules) {
+bool DorveClient::roundTrip(const Request& request, Response& response, const PhaseRules& rules) {
   if (!sendRequest(&request, sizeof request)) return false;
   transitionTo(rules.sentState);
 
@@ -39,16 +39,16 @@ bool DorveClient::exchange(const Request& request, Response& response, const Exc
   unsigned long received = 0;
   if (!receiveResponse(&response, sizeof response, &received, rules.timeoutMs)) return false;
 
-  const auto refuse = [&](const char* what, std::uint32_t code) {
+  const auto reject = [&](const char* what, std::uint32_t code) {
     std::cerr << rules.responseName << " validation failed: Invalid " << what << std::endl;
     transitionToError(code);
     return false;
   };
   MessageSerializer::decodeHeader(&response);
-  if (!MessageSerializer::validateChecksum(&response, received)) return refuse("checksum", kBadResponse);
+  if (!MessageSerializer::validateChecksum(&response, received)) return reject("checksum", kBadResponse);
   constexpr auto kType = static_cast<std::uint16_t>(Response::kType);
   if (!MessageSerializer::validateHeader(&response, kType, received)) {
-    return refuse("header", rules.badHeaderCode);
+    return reject("header", rules.badHeaderCode);
   }
   return true;
 }
@@ -56,14 +56,14 @@ bool DorveClient::exchange(const Request& request, Response& response, const Exc
 bool DorveClient::phaseVersionNegotiation() {
   beginPhase(0, "Phase 0: VERSION_NEGOTIATION");
   transitionTo(ClientState::VERSION_QUERY_SENDING);
-  // Not one of the numbered requests: its sequence is 0 and the counter stays where it is.
+  // The query is not numbered: its sequence is 0, and the counter stays as it is.
   const VersionQuery query = versionManager.createVersionQuery(readText(requestId));
   VersionResponse response;
-  constexpr Exchange kRules{.sentState = ClientState::VERSION_QUERY_SENT,
-                            .responseName = "VERSION_RESPONSE",
-                            .timeoutMs = 3000,
-                            .badHeaderCode = kBadVersionResponseHeader};
-  if (!exchange(query, response, kRules)) return false;
+  constexpr PhaseRules kRules{.sentState = ClientState::VERSION_QUERY_SENT,
+                              .responseName = "VERSION_RESPONSE",
+                              .timeoutMs = 3000,
+                              .badHeaderCode = kBadVersionResponseHeader};
+  if (!roundTrip(query, response, kRules)) return false;
 
   const std::int32_t result = versionManager.processVersionResponse(response, readText(requestId),
                                                                     negotiatedVersion, negotiatedFeatures);
@@ -80,14 +80,14 @@ bool DorveClient::phaseExchangeKeys() {
   writeText(request.public_key, readText(localPublicKey));
   seal(request);
   ExchangeKeysResponse response;
-  constexpr Exchange kRules{.sentState = ClientState::EXCHANGE_KEYS_SENT,
-                            .responseName = "EXCHANGE_KEYS_RESPONSE",
-                            .timeoutMs = 5000,
-                            .badHeaderCode = kBadResponse};
-  if (!exchange(request, response, kRules)) return false;
+  constexpr PhaseRules kRules{.sentState = ClientState::EXCHANGE_KEYS_SENT,
+                              .responseName = "EXCHANGE_KEYS_RESPONSE",
+                              .timeoutMs = 5000,
+                              .badHeaderCode = kBadResponse};
+  if (!roundTrip(request, response, kRules)) return false;
 
-  // Key and token are taken as they come; the next phase asks the server whether both sides hold the same
-  // keys.
+  // The client does not check the key and the token.
+  // The next phase asks the server whether both sides hold the same keys.
   writeText(peerPublicKey, readText(response.public_key));
   writeText(sessionToken, readText(response.session_token));
   transitionTo(ClientState::KEYS_EXCHANGED);
@@ -106,11 +106,11 @@ bool DorveClient::phaseVerifyKeys() {
   writeText(request.peer_key_hash, peerHash);
   seal(request);
   VerifyKeysResponse response;
-  constexpr Exchange kRules{.sentState = ClientState::VERIFY_KEYS_SENT,
-                            .responseName = "VERIFY_KEYS_RESPONSE",
-                            .timeoutMs = 3000,
-                            .badHeaderCode = kBadResponse};
-  if (!exchange(request, response, kRules)) return false;
+  constexpr PhaseRules kRules{.sentState = ClientState::VERIFY_KEYS_SENT,
+                              .responseName = "VERIFY_KEYS_RESPONSE",
+                              .timeoutMs = 3000,
+                              .badHeaderCode = kBadResponse};
+  if (!roundTrip(request, response, kRules)) return false;
 
   const std::string_view status = readText(response.status);
   if (status != kStatusVerified) {
@@ -126,7 +126,7 @@ bool DorveClient::phaseVerifyKeys() {
 bool DorveClient::phaseInstallKeys() {
   beginPhase(3, "Phase 3: INSTALL_KEYS");
   transitionTo(ClientState::INSTALL_KEYS_SENDING);
-  // Our side first. It is not undone when the server fails: a repeated run replaces what this one wrote.
+  // The client installs first. If the server then fails, this stays: the next run replaces it.
   if (!installKeysLocally()) {
     std::cerr << "Local key installation failed" << std::endl;
     transitionToError(kInstallationFailed);
@@ -137,11 +137,11 @@ bool DorveClient::phaseInstallKeys() {
   request.install_flags = kInstallFlags;
   seal(request);
   InstallKeysResponse response;
-  constexpr Exchange kRules{.sentState = ClientState::INSTALL_KEYS_SENT,
-                            .responseName = "INSTALL_KEYS_RESPONSE",
-                            .timeoutMs = 10000,
-                            .badHeaderCode = kBadResponse};
-  if (!exchange(request, response, kRules)) return false;
+  constexpr PhaseRules kRules{.sentState = ClientState::INSTALL_KEYS_SENT,
+                              .responseName = "INSTALL_KEYS_RESPONSE",
+                              .timeoutMs = 10000,
+                              .badHeaderCode = kBadResponse};
+  if (!roundTrip(request, response, kRules)) return false;
 
   const std::string_view status = readText(response.install_status);
   if (status != kStatusCompleted) {
@@ -162,15 +162,15 @@ bool DorveClient::phaseConfirm() {
   writeText(request.status, kStatusInstalled);
   seal(request);
   ConfirmInstallResponse response;
-  constexpr Exchange kRules{.sentState = ClientState::CONFIRM_SENT,
-                            .responseName = "CONFIRM_INSTALL_RESPONSE",
-                            .timeoutMs = 3000,
-                            .badHeaderCode = kBadResponse};
-  if (!exchange(request, response, kRules)) return false;
+  constexpr PhaseRules kRules{.sentState = ClientState::CONFIRM_SENT,
+                              .responseName = "CONFIRM_INSTALL_RESPONSE",
+                              .timeoutMs = 3000,
+                              .badHeaderCode = kBadResponse};
+  if (!roundTrip(request, response, kRules)) return false;
 
   const std::string_view status = readText(response.status);
   if (status != kStatusComplete) {
-    // No error state here: both sides have installed, only the farewell was refused.
+    // The client does not enter ERROR here: both sides have installed, and only the confirmation failed.
     std::cerr << "Confirmation failed: " << status << std::endl;
     return false;
   }

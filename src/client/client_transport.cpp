@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The client's transport: whole messages in and out, every socket exception turned into a line and a false.
+// The client's transport: sends and receives whole messages.
+// It catches each socket exception, prints it and returns false.
 #include <algorithm>
 #include <cstring>
 #include <iostream>
@@ -14,7 +15,7 @@ constexpr std::uint32_t kMaxRetries = 3;
 constexpr std::uint32_t kBackoffBaseMs = 100;
 constexpr std::uint32_t kBackoffLimitMs = 5000;
 
-/// The whole message's length in bytes out of a header in wire order, which stays as it is.
+/// The length in bytes of a whole message, from its header in wire order. Leaves the header as it is.
 std::uint32_t lengthOf(const void* message) {
   MessageHeader header;
   std::memcpy(&header, message, sizeof header);
@@ -46,7 +47,7 @@ bool DorveClient::receiveResponse(void* buffer, unsigned long capacity, unsigned
       std::cerr << "Connection closed by server" << std::endl;
       return false;
     }
-    // Less than a header has no length to go by; the caller's check of the header refuses it.
+    // Fewer bytes than a header have no length field. The caller's checks reject them.
     if (size >= kHeaderSize) {
       const std::uint32_t length = lengthOf(bytes);
       if (length > capacity) {
@@ -77,7 +78,8 @@ bool DorveClient::receiveResponse(void* buffer, unsigned long capacity, unsigned
 }
 
 unsigned int DorveClient::calculateBackoffMs() const {
-  // Bits shifted out are lost: counts of 30 and 31 give no pause at all, 32 begins anew.
+  // The count is at most 3 in a run. From 26 on, the shift loses high bits:
+  // 30 and 31 give 0, and 32 starts again.
   return std::min(kBackoffBaseMs << (retryCount % 32), kBackoffLimitMs);
 }
 

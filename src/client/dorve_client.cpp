@@ -16,7 +16,7 @@ namespace {
 
 constexpr int kInterfacePolls = 50;
 constexpr unsigned int kInterfacePollMs = 200;
-constexpr int kInterfaceSeconds = 10;  // as the failure line has it
+constexpr int kInterfaceSeconds = 10;  // as printed in the failure line
 constexpr unsigned long kFirstTimeoutMs = 5000;
 constexpr int kConnectRetries = 150;
 constexpr unsigned int kConnectRetryMs = 200;

@@ -1,18 +1,17 @@
 // SPDX-License-Identifier: MIT
-// dorve-client: finds the SSH directory, runs one client, maps the result to a status.
+// dorve-client: finds the SSH directory, performs one run and returns its result as the exit status.
 #include <iostream>
 
 #include "dorve/client/dorve_client.h"
 #include "dorve/client/ssh_directory.h"
 #include "dorve/protocol/endpoints.h"
 
-// Whatever `start` reports as false is a "Client failed". A socket exception out of it is not caught: a
-// connection that can't be set up ends the process abnormally.
+// A socket exception from `start` is not caught: if the connection can't be set up, the process aborts.
 int main() {
   const std::string sshDir = dorve::findUserSshDirectory();
   if (sshDir.empty()) return 1;
 
-  std::cout << "Starting DORVE Client (Base) " << dorve::kBannerVersion << std::endl;
+  std::cout << "Starting DORVE Client (Base) v1.0" << std::endl;
   dorve::DorveClient client(dorve::kServerAddress, dorve::kPort, sshDir);
   if (!client.start()) {
     std::cerr << "Client failed" << std::endl;

@@ -4,7 +4,8 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <iostream>
+
+#include "dorve/util/report_error.h"
 
 namespace dorve {
 
@@ -26,7 +27,7 @@ std::string findUserSshDirectory() {
   for (const std::string& candidate : sshDirectoryCandidates()) {
     if (isDirectory(candidate)) return candidate;
   }
-  std::cerr << "Error" << std::endl;
+  reportError();
   return "";
 }
 

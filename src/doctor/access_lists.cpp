@@ -15,24 +15,24 @@
 namespace dorve {
 namespace {
 
-/// Whether an address matches one pattern of sshd_config(5): with * and ?, or as a network with /BITS.
+/// Returns whether an address matches one pattern of sshd_config(5): a text with * and ?, or ADDRESS/BITS.
 bool matchesAddress(const std::string& pattern, const std::string& address) {
   const std::size_t slash = pattern.find('/');
   in_addr network = {};
-  in_addr own = {};
+  in_addr tested = {};
   if (slash == std::string::npos || inet_pton(AF_INET, pattern.substr(0, slash).c_str(), &network) != 1) {
     return fnmatch(pattern.c_str(), address.c_str(), 0) == 0;
   }
-  inet_pton(AF_INET, address.c_str(), &own);
+  inet_pton(AF_INET, address.c_str(), &tested);
   int bits = 0;
   std::from_chars(pattern.data() + slash + 1, pattern.data() + pattern.size(), bits);
   bits = std::clamp(bits, 0, 32);
   const std::uint64_t mask = ~std::uint64_t{0} << (32 - bits);
-  return (ntohl(network.s_addr) & mask) == (ntohl(own.s_addr) & mask);
+  return (ntohl(network.s_addr) & mask) == (ntohl(tested.s_addr) & mask);
 }
 
-/// Whether a pattern, USER or USER@HOSTS, names the user who comes from the address. HOSTS is a list with
-/// commas, in which ! excludes.
+/// Returns whether a pattern, USER or USER@HOSTS, matches a user who logs in from an address.
+/// HOSTS is a list with commas, in which ! excludes.
 bool matchesUser(const std::string& pattern, const std::string& user, const std::string& address) {
   const std::size_t at = pattern.rfind('@');
   if (fnmatch(pattern.substr(0, at).c_str(), user.c_str(), 0) != 0) return false;
@@ -51,15 +51,14 @@ bool matchesUser(const std::string& pattern, const std::string& user, const std:
 
 bool listsUser(const std::vector<std::string>& patterns, const std::string& user,
                const std::string& address) {
-  return std::any_of(patterns.begin(), patterns.end(),
-                     [&](const std::string& pattern) { return matchesUser(pattern, user, address); });
+  return std::ranges::any_of(patterns,
+                             [&](const std::string& pattern) { return matchesUser(pattern, user, address); });
 }
 
 bool listsGroup(const std::vector<std::string>& patterns, const std::vector<std::string>& groups) {
-  return std::any_of(patterns.begin(), patterns.end(), [&](const std::string& pattern) {
-    return std::any_of(groups.begin(), groups.end(), [&](const std::string& group) {
-      return fnmatch(pattern.c_str(), group.c_str(), 0) == 0;
-    });
+  return std::ranges::any_of(patterns, [&](const std::string& pattern) {
+    return std::ranges::any_of(
+        groups, [&](const std::string& group) { return fnmatch(pattern.c_str(), group.c_str(), 0) == 0; });
   });
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The SSH directory and its files. sshd(8) ignores authorized_keys if it, or a directory on the way to it, is
-// owned or may be written by others (StrictModes), and the programs do not report what they cannot write.
+// Checks of the SSH directory and its files. With StrictModes, sshd(8) ignores authorized_keys if others
+// own or may write the file or a directory above it. The programs do not report files that they cannot write.
 #include <fcntl.h>
 #include <grp.h>
 #include <linux/fs.h>
@@ -28,7 +28,7 @@
 namespace dorve {
 namespace {
 
-constexpr std::uint64_t kBytesNeeded = 65536;  // a pairing writes less than half of that
+constexpr std::uint64_t kBytesNeeded = 65536;  // a pairing writes less than half of this
 
 std::string octal(mode_t mode) {
   char text[8];
@@ -41,28 +41,28 @@ std::string userName(uid_t id) {
   return entry == nullptr ? std::to_string(id) : entry->pw_name;
 }
 
-/// Why a candidate is not the SSH directory.
+/// The reason why a candidate is not the SSH directory.
 std::string whyNotDirectory(const std::string& path) {
   struct stat status = {};
   if (stat(path.c_str(), &status) != 0) return errno == ENOENT ? "missing" : std::strerror(errno);
-  return "no directory";
+  return "a file";
 }
 
-/// The candidates before `chosen`, each with the reason why it is not the one.
-std::string passedOver(const std::string& chosen) {
+/// The candidates before `chosen`, each with the reason why it was not chosen.
+std::string skippedCandidates(const std::string& chosen) {
   std::vector<std::string> parts;
   for (const std::string& candidate : sshDirectoryCandidates()) {
     if (candidate == chosen) break;
     const std::string part = candidate + " (" + whyNotDirectory(candidate) + ")";
-    // HOME may be one of the fixed places.
-    if (std::find(parts.begin(), parts.end(), part) == parts.end()) parts.push_back(part);
+    // $HOME/.ssh may be the same path as a fixed candidate.
+    if (std::ranges::find(parts, part) == parts.end()) parts.push_back(part);
   }
   return join(parts, ", ");
 }
 
 Check missingDirectory(const Situation& situation) {
   const std::string path = situation.home + "/.ssh";
-  const std::string found = "none: " + passedOver("");
+  const std::string found = "none: " + skippedCandidates("");
   if (isDirectory(path)) {
     return {Verdict::FAIL, "ssh-dir", found, "HOME is not the home directory of " + situation.user,
             "export HOME=" + shellWord(situation.home)};
@@ -76,7 +76,8 @@ Check missingDirectory(const Situation& situation) {
   return {Verdict::FAIL, "ssh-dir", found, situation.program + " does not make this directory", command};
 }
 
-/// Whether the owner is the only member of the file's group. Debian's sshd then lets the group write.
+/// Returns whether the owner is the only member of the file's group.
+/// Debian's sshd then accepts a file that the group may write.
 bool isPrivateGroup(const struct stat& status) {
   const passwd* owner = getpwuid(status.st_uid);
   const group* entry = getgrgid(status.st_gid);
@@ -91,8 +92,8 @@ bool isPrivateGroup(const struct stat& status) {
   return members == 1;
 }
 
-/// The first of `path` and the directories above it that sshd objects to; the home directory is the last that
-/// counts.
+/// The first path whose owner or mode sshd rejects: `path`, or a directory above it up to the home directory.
+/// No value if there is none.
 std::optional<std::pair<std::string, struct stat>> findUnsafe(std::string path, const Situation& situation) {
   std::error_code error;
   path = std::filesystem::canonical(path, error);
@@ -109,8 +110,8 @@ std::optional<std::pair<std::string, struct stat>> findUnsafe(std::string path, 
   return std::nullopt;
 }
 
-/// What is wrong with the owner and the modes of the directory, or of a file in it. What is wrong above the
-/// directory is the directory's business.
+/// Checks the owners and modes of the SSH directory, or of a file in it, and of the directories above.
+/// The check of a file does not report the SSH directory and those above: the directory's own check does.
 std::optional<Check> judgeModes(const std::string& name, const std::string& path,
                                 const Situation& situation) {
   if (!situation.strictModes) return std::nullopt;
@@ -118,8 +119,8 @@ std::optional<Check> judgeModes(const std::string& name, const std::string& path
   if (!offender) return std::nullopt;
   const auto& [place, status] = *offender;
   std::error_code error;
-  const std::string above = std::filesystem::canonical(situation.sshDir, error).string() + "/";
-  if (path != situation.sshDir && above.starts_with(place + "/")) return std::nullopt;
+  const std::string directory = std::filesystem::canonical(situation.sshDir, error).string() + "/";
+  if (path != situation.sshDir && directory.starts_with(place + "/")) return std::nullopt;
   if (status.st_uid == 0 || status.st_uid == situation.userId) {
     const std::string command = "chmod go-w " + shellWord(place);
     return Check{Verdict::FAIL, name,
@@ -157,10 +158,10 @@ std::optional<Check> judgeFlags(const std::string& name, const std::string& path
 Check judgePath(const Situation& situation) {
   const std::string& path = situation.sshDir;
   const std::string own = situation.home + "/.ssh";
-  const std::string skipped = passedOver(path);
+  const std::string skipped = skippedCandidates(path);
   if (!isPlainWord(path)) {
     return {Verdict::FAIL, "ssh-dir", path + " holds a blank or a special character",
-            "the programs hand the path to a shell, which makes no key then",
+            "a shell gets this path, and ssh-keygen then creates no key",
             isPlainWord(own) ? "export HOME=" + situation.home
                              : situation.asRoot("usermod --home /home/" + situation.user + " --move-home " +
                                                 situation.user)};
@@ -179,13 +180,15 @@ Check judgeOwner(const Situation& situation) {
   if (auto check = judgeFlags("ssh-dir-modes", situation.sshDir, situation)) return *check;
   struct stat status = {};
   stat(situation.sshDir.c_str(), &status);
-  // Root may write what belongs to others, and an own directory gets its mode from the programs.
+  // Root may write to another user's directory.
+  // The programs set the mode of a directory that their user owns.
   if (!situation.isRoot() && status.st_uid != situation.userId) {
     return {Verdict::FAIL, "ssh-dir-modes", situation.sshDir + " belongs to " + userName(status.st_uid),
             "the programs run as " + situation.user + " and cannot write there",
             situation.asRoot("chown -R " + situation.user + ": " + shellWord(situation.sshDir))};
   }
-  return {Verdict::OK, "ssh-dir-modes", "of " + userName(status.st_uid) + ", mode " + octal(status.st_mode)};
+  return {Verdict::OK, "ssh-dir-modes",
+          "owner " + userName(status.st_uid) + ", mode " + octal(status.st_mode)};
 }
 
 Check judgeSpace(const Situation& situation) {
@@ -213,8 +216,8 @@ Check judgeSpace(const Situation& situation) {
   return {Verdict::OK, "ssh-dir-space", std::to_string(bytes / 1024) + " KiB free"};
 }
 
-/// A file that the programs read and `mode` more (W_OK for those that they edit). sshd and ssh must accept
-/// it.
+/// Checks a file that the programs read and, if `mode` is W_OK, also edit.
+/// ssh and sshd must accept its owner and mode too.
 std::optional<Check> judgeFile(const std::string& path, int mode, const Situation& situation) {
   struct stat status = {};
   if (stat(path.c_str(), &status) != 0) {
@@ -222,7 +225,8 @@ std::optional<Check> judgeFile(const std::string& path, int mode, const Situatio
     return Check{Verdict::SKIP, "ssh-files", "not checked: " + path + ": " + std::strerror(errno)};
   }
   if (!S_ISREG(status.st_mode)) {
-    return Check{Verdict::FAIL, "ssh-files", path + " is no regular file", "the programs store nothing in it",
+    return Check{Verdict::FAIL, "ssh-files", path + " is not a regular file",
+                 "the programs store nothing in it",
                  "mv " + shellWord(path) + " " + shellWord(path + ".old")};
   }
   if (auto check = judgeFlags("ssh-files", path, situation)) return check;
@@ -254,22 +258,22 @@ void checkDirectory(const Situation& situation, Report& report) {
   report.add(judgePath(situation));
   report.add(judgeOwner(situation));
   report.add(judgeSpace(situation));
-  // The programs delete the keys and make new ones, so they need not be able to write them.
+  // The programs delete the key files and create new ones, so they do not need to write the old ones.
   const std::pair<std::string, int> files[] = {{situation.authorizedKeys, W_OK},
                                                {situation.config, W_OK},
                                                {situation.privateKey, 0},
                                                {situation.privateKey + ".pub", 0}};
-  bool sound = true;
+  bool allUsable = true;
   for (const auto& [path, mode] : files) {
     const auto check = judgeFile(path, mode, situation);
     if (check) report.add(*check);
-    sound &= !check;
+    allUsable &= !check;
   }
-  if (sound) report.add({Verdict::OK, "ssh-files", "authorized_keys, config and keys are usable"});
+  if (allUsable) report.add({Verdict::OK, "ssh-files", "authorized_keys, config and keys are usable"});
 }
 
 void checkKeygen(const Situation& situation, Report& report) {
-  // An ed25519 key with a value that is never used: ssh-keygen must recognise the type.
+  // An ed25519 public key of zeros: ssh-keygen only has to recognise its type.
   constexpr const char* kSample =
       "ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA sample\n";
   const CommandResult result = runCommand({"ssh-keygen", "-l", "-f", "-"}, situation.commandMs(), kSample);
@@ -282,7 +286,7 @@ void checkKeygen(const Situation& situation, Report& report) {
     return;
   }
   report.add({Verdict::FAIL, "ssh-keygen", result.message(),
-              "a device makes no key without it, and the programs do not say so",
+              "without it a device gets no key, and the programs do not report that",
               situation.asRoot("apt-get install --reinstall --yes openssh-client")});
 }
 

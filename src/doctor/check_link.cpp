@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The link: the interface and its address on this device, the TCP port of the server, and the other device.
+// Checks of the link: this device's interface and address, the server's port, and the other device.
 #include <algorithm>
 
 #include "dorve/doctor/checks.h"
@@ -20,20 +20,20 @@ std::string renameCommand(const Situation& situation, const std::string& from) {
          " && " + situation.asRoot(std::string("ip link set dev ") + kLinkInterface + " up");
 }
 
-/// The check of the interface. An interface without the address is the business of the next check.
+/// Checks the link's interface. `judgeAddress` checks its address.
 Check judgeInterface(const Situation& situation) {
   const Interface* link = situation.link();
   const Interface* guess = findByAddress(situation.interfaces, situation.ownAddress);
-  // The uplink may have the address by chance. Nobody wants that renamed.
+  // The uplink may have the link's address by chance. The doctor must not suggest renaming the uplink.
   if (guess == nullptr || guess->uplink) guess = guessLink(situation.interfaces);
   if (link == nullptr && situation.role == Role::SERVER) link = guess;
   if (link == nullptr) {
     const std::string found = "there is " + describe(situation.interfaces);
     if (situation.role == Role::SERVER) {
-      return {Verdict::FAIL, "interface", found, "none of them is the link for sure", kShowInterfaces};
+      return {Verdict::FAIL, "interface", found, "none of these is certainly the link", kShowInterfaces};
     }
     return {Verdict::FAIL, "interface", std::string("no ") + kLinkInterface + "; " + found,
-            std::string("dorve-client connects over an interface of the name ") + kLinkInterface + " only",
+            std::string("dorve-client connects only through an interface named ") + kLinkInterface,
             guess == nullptr ? kShowInterfaces : renameCommand(situation, guess->name)};
   }
   const std::string found = link->name + " is " + link->state();
@@ -48,7 +48,9 @@ Check judgeInterface(const Situation& situation) {
   return {Verdict::OK, "interface", found};
 }
 
-/// The check of an address that is on the link: packets to the other device must leave over the link.
+/// Checks that packets to the other device leave over the link.
+/// If the link is down, returns OK, because `judgeInterface` already reports the cause.
+/// `own` is this device's address on the link, and `replace` is the command that sets its prefix.
 Check judgeRoute(const Interface& link, const Interface::Address& own, const std::string& replace,
                  const Situation& situation) {
   const std::string held = own.text + "/" + std::to_string(own.prefix);
@@ -61,7 +63,7 @@ Check judgeRoute(const Interface& link, const Interface::Address& own, const std
             "the other device's address is outside its network", replace};
   }
   return {Verdict::FAIL, "address", "packets to " + situation.peerAddress + " do not leave over " + link.name,
-          "another route or address takes them away from the link",
+          "another route or address takes precedence",
           situation.asRoot("ip route replace " + situation.peerAddress + "/32 dev " + link.name + " src " +
                            own.text)};
 }
@@ -79,14 +81,14 @@ Check judgeAddress(const Situation& situation) {
     return {Verdict::FAIL, "address", address + " is on no interface",
             std::string("the address of the ") + situation.roleName() + " is fixed", add};
   }
-  const auto own = std::find_if(holder->addresses.begin(), holder->addresses.end(),
-                                [&](const Interface::Address& entry) { return entry.text == address; });
+  const auto own = std::ranges::find_if(
+      holder->addresses, [&](const Interface::Address& entry) { return entry.text == address; });
   const std::string held = address + "/" + std::to_string(own->prefix);
   const std::string replace =
       situation.asRoot("ip address del " + held + " dev " + holder->name) + " && " + add;
   if (holder->name != target) {
     return {Verdict::FAIL, "address", held + " is on " + holder->name + ", not on " + target,
-            "the other device then answers on the wrong interface",
+            "packets to the other device then leave over the wrong interface",
             holder->uplink ? "ip -brief address" : replace};
   }
   return judgeRoute(*holder, *own, replace, situation);
@@ -99,10 +101,10 @@ std::string pids(const std::vector<ProcessInfo>& processes) {
   return join(numbers, " ");
 }
 
-/// The programs of ours that run on this device.
+/// Checks that this device's program runs at most once.
 Check judgePrograms(const Situation& situation) {
   const auto running = findProcesses(situation.program);
-  if (!running) return {Verdict::SKIP, "programs", "not checked: /proc does not tell"};
+  if (!running) return {Verdict::SKIP, "programs", "not checked: /proc cannot be read"};
   if (running->empty()) return {Verdict::OK, "programs", "no " + situation.program + " runs"};
   if (running->size() == 1) {
     return {Verdict::OK, "programs", situation.program + " runs (process " + pids(*running) + ")"};
@@ -113,10 +115,10 @@ Check judgePrograms(const Situation& situation) {
           situation.asRoot("kill " + pids(*running))};
 }
 
-/// Who holds port 8888 of the server.
+/// Checks that port 8888 of the server is free, or that dorve-server holds it.
 Check judgeListener(const Situation& situation) {
   const auto listeners = listListeners();
-  if (!listeners) return {Verdict::SKIP, "port-8888", "not checked: /proc does not tell"};
+  if (!listeners) return {Verdict::SKIP, "port-8888", "not checked: /proc cannot be read"};
   const Listener* holder = findListener(*listeners, situation.ownAddress, kPort);
   if (holder == nullptr) return {Verdict::OK, "port-8888", "free"};
   const auto owner = findOwner(*holder);
@@ -133,9 +135,9 @@ Check judgeListener(const Situation& situation) {
       owner->pid == 1 ? "systemctl list-sockets" : situation.asRoot("kill " + std::to_string(owner->pid))};
 }
 
-/// Lets the other device through the firewall of the device that the command is typed on. The first command
-/// is for the table that Debian's nftables.conf sets up, the second for all that iptables and its relatives
-/// manage. The last one shows what else there is.
+/// The command that lets this device through the firewall of the other device.
+/// Its first part is for the table of Debian's nftables.conf, the second part for the rules of iptables.
+/// If both fail, the third part shows all rules.
 std::string openFirewall(const Situation& situation) {
   const std::string from = situation.ownAddress;
   return situation.asRoot("nft insert rule inet filter input ip saddr " + from + " accept") + " || " +
@@ -143,7 +145,7 @@ std::string openFirewall(const Situation& situation) {
          situation.asRoot("nft list ruleset");
 }
 
-/// A port of the other device that a firewall may block.
+/// Checks a port of the other device that a firewall may block.
 Check judgePeerPort(const Situation& situation, std::uint16_t port, PortState state) {
   const std::string name = "peer-" + std::to_string(port);
   const std::string place = "port " + std::to_string(port) + " of " + situation.peerAddress;
@@ -153,7 +155,7 @@ Check judgePeerPort(const Situation& situation, std::uint16_t port, PortState st
           situation.onPeer(openFirewall(situation))};
 }
 
-/// Whether dorve-server waits on the other device. After a pairing none has to.
+/// Checks that dorve-server waits on the other device. After a pairing, it is not needed.
 Check judgePeerServer(const Situation& situation, PortState state) {
   if (isPaired(situation)) return {Verdict::OK, "peer-8888", "not needed after a pairing"};
   if (state != PortState::REFUSED) return judgePeerPort(situation, kPort, state);
@@ -186,13 +188,12 @@ bool checkPeer(const Situation& situation, Report& report) {
   const PortState ssh = states.front();
   if (ssh == PortState::NO_ROUTE) {
     report.add({Verdict::FAIL, "peer", "this device has no route to " + situation.peerAddress,
-                "the lines on the interface and the address say why",
-                "ip route get " + situation.peerAddress});
+                "the checks interface and address name the cause", "ip route get " + situation.peerAddress});
     return false;
   }
-  // The kernel remembers a neighbour that is gone for a while, so silence on both ports counts as its
-  // absence.
-  if (std::all_of(states.begin(), states.end(), [](PortState state) {
+  // For a while, the kernel keeps the hardware address of a device that is gone.
+  // So silence on both ports can also mean that the device is gone.
+  if (std::ranges::all_of(states, [](PortState state) {
         return state == PortState::NO_NEIGHBOUR || state == PortState::SILENT;
       })) {
     report.add({Verdict::FAIL, "peer", situation.peerAddress + " does not answer on the link",

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// What a pairing leaves on this device, and the login that it is for. ssh and ssh-keygen judge their own
-// files.
+// Checks what a pairing leaves on this device, and the login to the other device.
+// ssh parses its configuration, and ssh-keygen parses the keys. This file only searches and compares lines.
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -17,7 +17,7 @@
 namespace dorve {
 namespace {
 
-constexpr std::size_t kMaxKeyLine = 4095;  // the protocol carries no longer key
+constexpr std::size_t kMaxKeyLine = 4095;  // bytes; the protocol's limit for a key
 
 std::vector<std::string> pairingLines(const Situation& situation) {
   std::vector<std::string> lines = split(readRegularFile(situation.authorizedKeys), "\n");
@@ -34,15 +34,15 @@ bool isNewer(const std::string& path, const std::string& other) {
   return !first && !second && time > otherTime;
 }
 
-/// What ssh-keygen says of a public key line.
+/// Runs ssh-keygen to get the fingerprint of a public key line.
 CommandResult askFingerprint(const std::string& line, const Situation& situation) {
   return runCommand({"ssh-keygen", "-l", "-f", "-"}, situation.commandMs(), line + "\n");
 }
 
-/// The fingerprint in such an answer; empty if there is none.
-std::string fingerprint(const CommandResult& answer) {
-  const std::vector<std::string> words = split(answer.out, " ");
-  return answer.succeeded() && words.size() > 1 ? words[1] : "";
+/// The fingerprint in the output of `askFingerprint`; empty if there is none.
+std::string fingerprint(const CommandResult& result) {
+  const std::vector<std::string> words = split(result.out, " ");
+  return result.succeeded() && words.size() > 1 ? words[1] : "";
 }
 
 /// The type and the key of a public key line, without its comment.
@@ -60,7 +60,8 @@ Check judgeKeyPair(const Situation& situation, bool loginRefused) {
             "this device has no key to log in with", situation.pairAgain()};
   }
   if ((status.st_mode & 077U) != 0) {
-    return {Verdict::FAIL, kName, "others may read " + situation.privateKey, "ssh ignores such a private key",
+    return {Verdict::FAIL, kName, "others may access " + situation.privateKey,
+            "ssh ignores such a private key",
             situation.asRoot("chmod 600 " + shellWord(situation.privateKey))};
   }
   const std::string publicLine = readRegularFile(situation.privateKey + ".pub");
@@ -70,16 +71,16 @@ Check judgeKeyPair(const Situation& situation, bool loginRefused) {
     return {Verdict::SKIP, kName, "not checked: ssh-keygen: " + derived.message()};
   }
   if (!derived.succeeded()) {
-    return {Verdict::FAIL, kName, "the private key is damaged", "neither ssh-keygen nor ssh can read it",
-            situation.pairAgain()};
+    return {Verdict::FAIL, kName, "ssh-keygen cannot read the private key",
+            "it is damaged, has a passphrase or belongs to another user", situation.pairAgain()};
   }
   if (keyPart(derived.out) != keyPart(publicLine)) {
     return {Verdict::FAIL, kName, "the private and the public key do not belong together",
-            "the other device holds a key that this one cannot prove", situation.pairAgain()};
+            "the other device may have a key that does not match the private key", situation.pairAgain()};
   }
   if (loginRefused && isNewer(situation.privateKey, situation.authorizedKeys)) {
     return {Verdict::FAIL, kName, "the key is newer than the pairing",
-            situation.program + " ran again: the other device knows the old key only", situation.pairAgain()};
+            situation.program + " ran again: the other device knows only the old key", situation.pairAgain()};
   }
   return {Verdict::OK, kName, fingerprint(askFingerprint(publicLine, situation))};
 }
@@ -91,31 +92,32 @@ Check judgePeerKey(const Situation& situation) {
     return {Verdict::FAIL, kName,
             "authorized_keys holds " + (lines.empty() ? "no" : std::to_string(lines.size())) +
                 " pairing key" + (lines.empty() ? "" : "s"),
-            lines.empty() ? "the other device had no key to send, or it could not be stored here"
+            lines.empty() ? "the other device sent no key, or this device could not store it"
                           : "a pairing leaves exactly one",
             situation.pairAgain()};
   }
-  const CommandResult answer = askFingerprint(lines.front(), situation);
-  if (answer.end != CommandResult::End::EXITED) {
-    return {Verdict::SKIP, kName, "not checked: ssh-keygen: " + answer.message()};
+  const CommandResult result = askFingerprint(lines.front(), situation);
+  if (result.end != CommandResult::End::EXITED) {
+    return {Verdict::SKIP, kName, "not checked: ssh-keygen: " + result.message()};
   }
-  if (lines.front().size() > kMaxKeyLine || fingerprint(answer).empty()) {
+  if (lines.front().size() > kMaxKeyLine || fingerprint(result).empty()) {
     return {Verdict::FAIL, kName, "the pairing key in authorized_keys is damaged", "sshd ignores such a line",
             situation.pairAgain()};
   }
-  return {Verdict::OK, kName, fingerprint(answer)};
+  return {Verdict::OK, kName, fingerprint(result)};
 }
 
-/// A setting of ssh that the block of a pairing makes, or relies on.
+/// A setting of ssh that the pairing's block sets or relies on.
 struct Setting {
   const char* name;  ///< as in ssh_config(5)
   std::string value;
-  std::vector<std::string> accepted;  ///< what `ssh -G` may print for it
+  std::vector<std::string> accepted;  ///< the right values as `ssh -G` prints them
 };
 
-/// Whether one of ssh's identity files is the key of the pairing. ssh writes ~ or %d for the home directory.
+/// Returns whether one of ssh's identity files is the pairing key.
+/// ssh may print ~ or %d for the home directory.
 bool usesKey(const std::vector<std::string>& files, const Situation& situation) {
-  return std::any_of(files.begin(), files.end(), [&](std::string file) {
+  return std::ranges::any_of(files, [&](std::string file) {
     if (file.starts_with("~/")) file.replace(0, 1, situation.home);
     if (file.starts_with("%d/")) file.replace(0, 2, situation.home);
     std::error_code error;
@@ -123,7 +125,7 @@ bool usesKey(const std::vector<std::string>& files, const Situation& situation) 
   });
 }
 
-/// The settings for the other device that ssh takes from elsewhere than the block of the pairing.
+/// The settings whose values for the other device differ from those of the pairing's block.
 std::vector<Setting> findOverridden(const Settings& settings, const Situation& situation) {
   std::vector<Setting> all = {
       {"IdentitiesOnly", "yes", {"yes"}},
@@ -137,7 +139,7 @@ std::vector<Setting> findOverridden(const Settings& settings, const Situation& s
   };
   std::erase_if(all, [&](const Setting& setting) {
     const std::string value = settings.first(toLower(setting.name));
-    return std::find(setting.accepted.begin(), setting.accepted.end(), value) != setting.accepted.end();
+    return std::ranges::find(setting.accepted, value) != setting.accepted.end();
   });
   if (!usesKey(settings.all("identityfile"), situation)) {
     all.insert(all.begin(), {"IdentityFile", situation.privateKey, {}});
@@ -145,8 +147,8 @@ std::vector<Setting> findOverridden(const Settings& settings, const Situation& s
   return all;
 }
 
-/// Puts the settings in front of all others, because ssh takes the first value that it reads. The last line
-/// makes what stood first apply to all hosts again.
+/// The command that puts the settings at the front of config, because ssh uses the first value that it reads.
+/// "Host *" then makes the old first lines apply to all hosts again.
 std::string preferCommand(const std::vector<Setting>& settings, const Situation& situation) {
   std::string lines = situation.hostLine();
   for (const Setting& setting : settings)
@@ -171,7 +173,7 @@ Check judgeConfig(const CommandResult& result, bool loginWorks, const Situation&
   }
   const Settings settings(result.out);
   const std::vector<Setting> wrong = findOverridden(settings, situation);
-  // Other settings may serve as well, such as known host keys.
+  // If the login works, other values are no fault: with a known host key, StrictHostKeyChecking may be yes.
   if (wrong.empty() || loginWorks) {
     return {Verdict::OK, kName, "ssh uses the pairing's key for " + situation.peerAddress};
   }
@@ -182,15 +184,17 @@ Check judgeConfig(const CommandResult& result, bool loginWorks, const Situation&
           preferCommand(wrong, situation)};
 }
 
-/// Before a pairing: a block of the user's own for the other device, because of which a pairing adds none.
+/// Before a pairing, warns if config already has a block for the other device,
+/// because the pairing then adds no block.
+/// No value if there is no such block, if ssh's settings are right or if `ssh -G` fails.
 std::optional<Check> judgeOtherBlock(const Situation& situation) {
   if (readRegularFile(situation.config).find(situation.hostLine()) == std::string::npos) return std::nullopt;
   const CommandResult config = runCommand({"ssh", "-G", situation.peerAddress}, situation.commandMs());
   if (!config.succeeded()) return std::nullopt;
   const std::vector<Setting> wrong = findOverridden(Settings(config.out), situation);
   if (wrong.empty()) return std::nullopt;
-  return Check{Verdict::WARN, "ssh-config", "config has the text " + situation.hostLine() + " already",
-               "a pairing then adds no block of its own", preferCommand(wrong, situation)};
+  return Check{Verdict::WARN, "ssh-config", "config already contains " + situation.hostLine(),
+               "so a pairing adds no block", preferCommand(wrong, situation)};
 }
 
 }  // namespace

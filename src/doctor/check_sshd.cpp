@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// sshd on this device, as far as it decides whether the other side's key logs in. Its effective configuration
-// comes from sshd itself (`sshd -T`), for this user and a connection over the link.
+// Checks whether sshd on this device lets the other device log in with its key.
+// `sshd -T` prints sshd's effective configuration for this user and a connection over the link.
 #include <shadow.h>
 #include <unistd.h>
 
@@ -19,7 +19,7 @@ namespace dorve {
 namespace {
 
 constexpr const char* kSshdConfig = "/etc/ssh/sshd_config";
-constexpr const char* kOwnConfig = "/etc/ssh/dorve.conf";  // of the commands that the doctor prints
+constexpr const char* kOwnConfig = "/etc/ssh/dorve.conf";  // written by the commands that the doctor prints
 constexpr const char* kListenerNames[] = {"sshd", "systemd", "dropbear"};
 
 bool hasSystemd() {
@@ -27,20 +27,21 @@ bool hasSystemd() {
 }
 
 std::string reloadCommand(const Situation& situation) {
-  // Under socket activation there may be no sshd to reload, which is no failure.
+  // With socket activation, sshd may not be running. This command succeeds then, too.
   if (hasSystemd()) return situation.asRoot("systemctl try-reload-or-restart ssh");
   return situation.asRoot("pkill -HUP -o -x sshd");
 }
 
-/// Puts a line at the front of sshd's configuration, where it counts: sshd takes the first value that it
-/// reads.
+/// The command that puts a line at the front of sshd's configuration,
+/// because sshd uses the first value that it reads.
 std::string configureFirst(const Situation& situation, const std::string& line) {
   return situation.asRoot("sed --follow-symlinks -i '1i " + line + "' " + kSshdConfig) + " && " +
          reloadCommand(situation);
 }
 
-/// Applies a line to this user's logins from the other device, and to nobody else's. The first Match block
-/// that has a setting wins, so the block is read before all others. It ends with its file.
+/// The command that applies a line only to this user's logins from the other device.
+/// sshd uses a setting of the first matching block that has it, so sshd reads a file with this block first.
+/// The end of that file ends the block.
 std::string configure(const Situation& situation, const std::string& line) {
   return "printf 'Match User " + situation.user + " Address " + situation.peerAddress + "\\n    " + line +
          "\\n' >>" + kOwnConfig + " && " + configureFirst(situation, std::string("Include ") + kOwnConfig);
@@ -54,7 +55,7 @@ std::string startCommand(const Situation& situation) {
   return situation.asRoot("mkdir -p /run/sshd") + " && " + situation.asRoot(kSshd);
 }
 
-/// A value of AuthorizedKeysFile as a path.
+/// The path that a value of AuthorizedKeysFile names.
 std::string expand(const std::string& value, const Situation& situation) {
   std::string path;
   for (std::size_t i = 0; i < value.size(); ++i) {
@@ -73,8 +74,7 @@ std::string expand(const std::string& value, const Situation& situation) {
 
 bool readsOurFile(const Settings& settings, const Situation& situation) {
   const std::vector<std::string> files = settings.words("authorizedkeysfile");
-  return situation.authorizedKeys.empty() ||
-         std::any_of(files.begin(), files.end(), [&](const std::string& file) {
+  return situation.authorizedKeys.empty() || std::ranges::any_of(files, [&](const std::string& file) {
            std::error_code error;
            const std::filesystem::path path = expand(file, situation);
            return path.lexically_normal() == situation.authorizedKeys ||
@@ -82,13 +82,13 @@ bool readsOurFile(const Settings& settings, const Situation& situation) {
          });
 }
 
-/// A pattern of DenyUsers or DenyGroups that keeps this user out. The command takes out this pattern alone,
-/// and turns a line without a pattern into a comment.
+/// Reports the first pattern of DenyUsers or DenyGroups (`name`) that matches this user.
+/// The command removes only this pattern. If the line then has no pattern, the command comments it out.
 std::optional<Check> judgeDenied(const std::string& name, const Settings& settings,
                                  const Situation& situation,
                                  const std::function<bool(const std::string&)>& matches) {
   const std::vector<std::string> patterns = settings.words(toLower(name));
-  const auto found = std::find_if(patterns.begin(), patterns.end(), matches);
+  const auto found = std::ranges::find_if(patterns, matches);
   if (found == patterns.end()) return std::nullopt;
   std::string literal;
   for (const char c : *found) {
@@ -103,7 +103,7 @@ std::optional<Check> judgeDenied(const std::string& name, const Settings& settin
                    "' /etc/ssh/sshd_config*) && " + reloadCommand(situation)};
 }
 
-/// The first setting that keeps the other side out; nothing if all let it in.
+/// Reports the first setting that keeps the other device out; no value if there is none.
 std::optional<Check> judgeSettings(const Settings& settings, const Situation& situation) {
   const auto refused = [&](const std::string& found, const std::string& cause, const std::string& line) {
     return Check{Verdict::FAIL, "sshd-config", found, cause, configure(situation, line)};
@@ -118,9 +118,9 @@ std::optional<Check> judgeSettings(const Settings& settings, const Situation& si
   }
   const std::string forced = settings.first("forcecommand");
   if (!forced.empty() && forced != "none") {
-    // Such a command may run what the user asked for, so this need not be the reason of a failure.
+    // A forced command may run what the user asked for, so it need not be the cause of a failure.
     return Check{Verdict::WARN, "sshd-config", "ForceCommand " + forced,
-                 "every login runs this; without passing the command on, none works",
+                 "sshd runs this in place of the command that a login asks for",
                  configure(situation, "ForceCommand none")};
   }
   if (!readsOurFile(settings, situation)) {
@@ -152,15 +152,14 @@ std::optional<Check> judgeSettings(const Settings& settings, const Situation& si
                    "AllowGroups " + (groups.empty() ? situation.user : groups.front()));
   }
   const std::vector<std::string> methods = settings.words("authenticationmethods");
-  if (!methods.empty() && std::none_of(methods.begin(), methods.end(), [](const std::string& method) {
+  if (!methods.empty() && std::ranges::none_of(methods, [](const std::string& method) {
         return method == "any" || method == "publickey";
       })) {
     return refused("AuthenticationMethods " + methods.front(), "sshd wants more than a key",
                    "AuthenticationMethods any");
   }
   const std::vector<std::string> algorithms = split(settings.first("pubkeyacceptedalgorithms"), ",");
-  if (!algorithms.empty() &&
-      std::find(algorithms.begin(), algorithms.end(), "ssh-ed25519") == algorithms.end()) {
+  if (!algorithms.empty() && std::ranges::find(algorithms, "ssh-ed25519") == algorithms.end()) {
     return refused("PubkeyAcceptedAlgorithms lacks ssh-ed25519", "sshd does not accept keys of this type",
                    "PubkeyAcceptedAlgorithms +ssh-ed25519");
   }
@@ -175,7 +174,8 @@ std::optional<Check> judgeSettings(const Settings& settings, const Situation& si
   return std::nullopt;
 }
 
-/// The user's shell: sshd refuses a user without one, and one that only says no ends every login.
+/// Checks the user's shell.
+/// sshd rejects a user whose shell is missing, and a shell such as nologin ends every login.
 std::optional<Check> judgeShell(const Situation& situation) {
   const std::string shell = situation.shell.empty() ? "/bin/sh" : situation.shell;
   const bool refuses = shell.ends_with("/nologin") || shell.ends_with("/false");
@@ -189,7 +189,7 @@ Check judgeConfiguration(const Situation& situation) {
   const CommandResult& result = situation.sshdTest;
   if (result.succeeded()) {
     return judgeSettings(Settings(result.out), situation)
-        .value_or(Check{Verdict::OK, kName, "its files let " + situation.user + " in by key"});
+        .value_or(Check{Verdict::OK, kName, "its settings let " + situation.user + " log in with a key"});
   }
   if (result.end != CommandResult::End::EXITED) {
     return {Verdict::SKIP, kName, "not checked: " + std::string(kSshd) + ": " + result.message()};
@@ -204,7 +204,7 @@ Check judgeConfiguration(const Situation& situation) {
   if (result.err.find("no hostkeys") != std::string::npos) {
     return {Verdict::FAIL, kName, "sshd has no host keys", "it cannot start without them", "ssh-keygen -A"};
   }
-  // The directory is missing until sshd is started.
+  // The directory is missing until sshd first starts after a boot.
   if (result.err.find("privilege separation directory") != std::string::npos) {
     return {Verdict::SKIP, kName, "not checked: sshd has not run since the last boot"};
   }
@@ -213,7 +213,7 @@ Check judgeConfiguration(const Situation& situation) {
           repair.empty() ? std::string(kSshd) + " -t" : repair};
 }
 
-/// An sshd that listens, but not on port 22 of the link's address.
+/// Reports an sshd that listens, but not on port 22 of the link's address; no value if there is none.
 std::optional<Check> judgeMisplaced(const std::vector<Listener>& listeners, const Situation& situation) {
   for (const Listener& listener : listeners) {
     const auto owner = findOwner(listener);
@@ -230,15 +230,14 @@ std::optional<Check> judgeMisplaced(const std::vector<Listener>& listeners, cons
   return std::nullopt;
 }
 
-/// Whether something listens on port 22 of the link's address.
+/// Checks that an SSH server, or systemd for it, listens on port 22 of the link's address.
 Check judgeListening(const Situation& situation) {
   const auto listeners = listListeners();
-  if (!listeners) return {Verdict::SKIP, "sshd", "not checked: /proc does not tell"};
+  if (!listeners) return {Verdict::SKIP, "sshd", "not checked: /proc cannot be read"};
   if (const Listener* listener = findListener(*listeners, situation.ownAddress, kSshPort)) {
     const auto owner = findOwner(*listener);
     const std::string name = owner ? owner->name : "a process of another user";
-    if (owner &&
-        std::find(std::begin(kListenerNames), std::end(kListenerNames), name) == std::end(kListenerNames)) {
+    if (owner && std::ranges::find(kListenerNames, name) == std::end(kListenerNames)) {
       return {Verdict::FAIL, "sshd",
               "port 22 is held by " + name + " (process " + std::to_string(owner->pid) + ")",
               "sshd cannot listen on it",
@@ -259,7 +258,7 @@ void checkSshd(const Situation& situation, Report& report) {
     return;
   }
   if (const auto check = judgeShell(situation)) report.add(*check);
-  // A configuration that is wrong may be why sshd does not listen.
+  // A wrong configuration may be why sshd does not listen, so it is reported first.
   const Check configuration = judgeConfiguration(situation);
   const bool wrong = configuration.verdict == Verdict::FAIL || configuration.verdict == Verdict::WARN;
   if (wrong) report.add(configuration);

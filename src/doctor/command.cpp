@@ -24,12 +24,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kMaxInput = 4096;      // bytes: a pipe takes them without a reader
+constexpr std::size_t kMaxInput = 4096;      // bytes; a pipe holds them until the command reads
 constexpr std::size_t kMaxOutput = 1 << 20;  // bytes
 constexpr std::size_t kMaxMessage = 1024;    // bytes
 constexpr unsigned int kReapMs = 5;
 
-/// A pipe whose two ends close with the object.
+/// A pipe. Its destructor closes both ends.
 class Pipe {
  public:
   Pipe() {
@@ -56,7 +56,7 @@ class Pipe {
   std::array<int, 2> ends{};
 };
 
-/// The environment of a command: this process's own, with messages in English.
+/// The environment of a command: that of this process, with LC_ALL=C for English messages.
 std::vector<char*> commandEnvironment() {
   static char language[] = "LC_ALL=C";
   std::vector<char*> result;
@@ -92,7 +92,7 @@ pid_t spawn(const std::vector<std::string>& words, const Pipe& in, const Pipe& o
   return child;
 }
 
-/// Appends what one read gives; false at the end of the pipe.
+/// Reads once and appends the bytes. Returns false at the end of the pipe.
 bool readSome(int fd, std::string& text) {
   char buffer[4096];
   const ssize_t size = read(fd, buffer, sizeof buffer);
@@ -146,7 +146,7 @@ CommandResult runCommand(const std::vector<std::string>& words, int timeoutMs, s
 
 std::string CommandResult::message() const {
   if (end == End::NOT_FOUND) return "not found";
-  if (end == End::TIMED_OUT) return "no end in time";
+  if (end == End::TIMED_OUT) return "timed out";
   std::vector<std::string> lines = split(err + '\n' + out, "\r\n");
   std::erase_if(lines, [](const std::string& line) { return split(line, " \t").empty(); });
   return lines.empty() ? "exit status " + std::to_string(status) : lines.front().substr(0, kMaxMessage);

@@ -17,8 +17,8 @@ namespace dorve {
 namespace {
 
 Interface& entryFor(std::vector<Interface>& interfaces, const ifaddrs& address) {
-  const auto known = std::find_if(interfaces.begin(), interfaces.end(),
-                                  [&](const Interface& entry) { return entry.name == address.ifa_name; });
+  const auto known = std::ranges::find_if(
+      interfaces, [&](const Interface& entry) { return entry.name == address.ifa_name; });
   if (known != interfaces.end()) return *known;
   Interface fresh;
   fresh.name = address.ifa_name;
@@ -35,7 +35,7 @@ std::string dotted(const in_addr& address) {
   return text;
 }
 
-/// The names of the interfaces that a default route leaves by.
+/// The names of the interfaces that a default route uses.
 std::vector<std::string> uplinkNames() {
   std::vector<std::string> names;
   std::ifstream routes("/proc/net/route");
@@ -49,8 +49,7 @@ std::vector<std::string> uplinkNames() {
 }  // namespace
 
 bool Interface::has(std::string_view address) const {
-  return std::any_of(addresses.begin(), addresses.end(),
-                     [&](const Address& own) { return own.text == address; });
+  return std::ranges::any_of(addresses, [&](const Address& own) { return own.text == address; });
 }
 
 std::string Interface::state() const {
@@ -77,14 +76,14 @@ std::vector<Interface> listInterfaces() {
 }
 
 const Interface* findByName(const std::vector<Interface>& interfaces, std::string_view name) {
-  const auto found = std::find_if(interfaces.begin(), interfaces.end(),
-                                  [&](const Interface& interface) { return interface.name == name; });
+  const auto found =
+      std::ranges::find_if(interfaces, [&](const Interface& interface) { return interface.name == name; });
   return found == interfaces.end() ? nullptr : &*found;
 }
 
 const Interface* findByAddress(const std::vector<Interface>& interfaces, std::string_view address) {
-  const auto found = std::find_if(interfaces.begin(), interfaces.end(),
-                                  [&](const Interface& interface) { return interface.has(address); });
+  const auto found =
+      std::ranges::find_if(interfaces, [&](const Interface& interface) { return interface.has(address); });
   return found == interfaces.end() ? nullptr : &*found;
 }
 

@@ -11,12 +11,12 @@
 namespace dorve {
 namespace {
 
-constexpr uid_t kFirstUserId = 1000;  // of ordinary users, on Debian
+constexpr uid_t kFirstUserId = 1000;  // the first user ID of ordinary users on Debian
 constexpr uid_t kNobody = 65534;
 
-/// The name that the user who paired on the other device most likely has, if not the one that ssh tried: this
-/// user's, root, or the first ordinary user of this device. One guess only, because sshd locks an address out
-/// after several failures.
+/// The most likely name, other than `tried`, of the user who paired on the other device:
+/// this user's, root, or that of the first ordinary user here.
+/// Only one name is tried, because newer versions of sshd block an address after several failures.
 std::string likelyUser(const std::string& tried, const Situation& situation) {
   if (tried != situation.user) return situation.user;
   if (!situation.isRoot()) return "root";
@@ -30,14 +30,14 @@ std::string likelyUser(const std::string& tried, const Situation& situation) {
 }
 
 struct Explanation {
-  const char* words;  ///< in what ssh prints
+  const char* words;  ///< part of what ssh prints
   const char* cause;
 };
 constexpr Explanation kExplanations[] = {
-    {"banner exchange", "something accepts port 22 there, but no sshd answers"},
+    {"banner exchange", "a program there accepts connections on port 22, but is no sshd"},
     {"No route to host", "nobody answers for the address, or a firewall rejects port 22"},
     {"Connection refused", "no sshd listens on port 22 there"},
-    {"timed out", "a firewall there drops port 22, or the device is overloaded"},
+    {"timed out", "a firewall there drops packets to port 22, or the device is busy"},
     {"Host key verification failed", "ssh checks host keys, and does not know this one"},
     {"host key is known", "ssh checks host keys, and does not know this one"},
     {"Too many authentication failures", "ssh offers other keys first; IdentitiesOnly is not in force"},
@@ -91,12 +91,11 @@ Check explainFailure(const CommandResult& login, const Situation& situation, con
             "the user's shell there, or a forced command, ends every login", situation.doctorThere()};
   }
   if (login.end == CommandResult::End::TIMED_OUT) {
-    return {Verdict::FAIL, "login", "ssh did not end in time",
-            "the other device is slow, or packets are lost", "dorve-doctor --timeout 10"};
+    return {Verdict::FAIL, "login", "ssh timed out", "the other device is slow, or packets are lost",
+            "dorve-doctor --timeout 10"};
   }
-  const auto* const known =
-      std::find_if(std::begin(kExplanations), std::end(kExplanations),
-                   [&](const Explanation& e) { return login.err.find(e.words) != std::string::npos; });
+  const auto* const known = std::ranges::find_if(
+      kExplanations, [&](const Explanation& e) { return login.err.find(e.words) != std::string::npos; });
   return {Verdict::FAIL, "login", login.message(), known == std::end(kExplanations) ? "" : known->cause,
           situation.doctorThere()};
 }

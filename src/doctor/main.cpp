@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// dorve-doctor: reads its arguments, runs the checks in order, maps their result to a status.
+// dorve-doctor: parses its arguments, runs the checks and returns their result as the exit status.
 #include <signal.h>
 
 #include <charconv>
@@ -31,7 +31,7 @@ struct Options {
   int timeoutSeconds = 3;
 };
 
-/// A number of seconds; nothing if the text is none.
+/// A number of seconds from 1 to 60; no value for any other text.
 std::optional<int> parseSeconds(std::string_view text) {
   int seconds = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
@@ -40,7 +40,7 @@ std::optional<int> parseSeconds(std::string_view text) {
   return seconds;
 }
 
-/// The options; nothing if the usage is wrong.
+/// The options; no value if the arguments are wrong.
 std::optional<Options> parseOptions(int count, char** arguments) {
   Options options;
   for (int i = 1; i < count; ++i) {
@@ -83,7 +83,7 @@ int examine(const Options& options) {
 }  // namespace
 
 int main(int count, char** arguments) {
-  // Ignored, as a caller may leave it, the system would not keep the status of the programs that are run.
+  // The caller may have left SIGCHLD ignored. The kernel would then drop the exit status of commands.
   signal(SIGCHLD, SIG_DFL);
   for (int i = 1; i < count; ++i) {
     if (std::strcmp(arguments[i], "--help") == 0) {

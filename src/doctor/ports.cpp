@@ -24,8 +24,8 @@
 namespace dorve {
 namespace {
 
-constexpr std::string_view kListening = "0A";                     // the state column of /proc/net/tcp
-constexpr std::string_view kMapped = "0000000000000000FFFF0000";  // an IPv4 address in /proc/net/tcp6
+constexpr std::string_view kListening = "0A";                     // the state TCP_LISTEN in /proc/net/tcp
+constexpr std::string_view kMapped = "0000000000000000FFFF0000";  // the prefix of IPv4 in /proc/net/tcp6
 
 sockaddr_in endpoint(const std::string& address, std::uint16_t port) {
   sockaddr_in result = {};
@@ -35,8 +35,8 @@ sockaddr_in endpoint(const std::string& address, std::uint16_t port) {
   return result;
 }
 
-/// The listeners of one table. A line: number, local address:port, remote one, state, ..., inode as the
-/// tenth.
+/// Adds the listeners in a table of /proc/net. The first fields of a line are number, local ADDRESS:PORT,
+/// remote ADDRESS:PORT and state; the tenth is the inode. Returns false if the table can't be read.
 bool readTable(const char* path, std::vector<Listener>& listeners) {
   std::ifstream table(path);
   if (!table) return false;
@@ -52,8 +52,9 @@ bool readTable(const char* path, std::vector<Listener>& listeners) {
   return true;
 }
 
-/// The numbered entries of a folder of /proc. The folder may vanish, or belong to another user.
-std::vector<std::filesystem::path> numbered(const std::filesystem::path& folder) {
+/// The entries of a /proc directory whose names are numbers.
+/// Empty if the directory has vanished or belongs to another user.
+std::vector<std::filesystem::path> numberedEntries(const std::filesystem::path& folder) {
   std::vector<std::filesystem::path> entries;
   std::error_code error;
   for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
@@ -72,13 +73,13 @@ ProcessInfo describeProcess(const std::filesystem::path& folder) {
   return process;
 }
 
-/// A socket that is closed with the object, and without the last packet of a handshake.
+/// A TCP connection attempt that never completes the handshake. The destructor closes the socket.
 class Probe {
  public:
   Probe(const std::string& address, std::uint16_t port)
       : fd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
-    // The kernel holds back the last packet of the handshake for a moment, in the hope of data to send with
-    // it. A close without lingering then sends a reset in its place.
+    // Without TCP_QUICKACK, the kernel delays the last packet of the handshake to send it with data.
+    // A close with a linger time of 0 then sends a reset instead.
     const int off = 0;
     setsockopt(fd, IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off);
     const int on = 1;
@@ -95,13 +96,13 @@ class Probe {
 
   int descriptor() const { return fd; }
 
-  /// EINPROGRESS while the port has not answered, 0 for an open one, else the reason.
+  /// 0 if the port is open, EINPROGRESS while it has not responded, else the errno of the failure.
   int result() const { return error; }
 
   void readResult() {
     socklen_t size = sizeof error;
     getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
-    // A port that nobody listens on answers with a reset. A firewall may send ICMP, for the same error.
+    // A closed port responds with a reset, a firewall perhaps with ICMP. Both give this error.
     if (error == ECONNREFUSED && isFromIcmp()) error = EHOSTUNREACH;
     finish();
   }
@@ -134,7 +135,7 @@ class Probe {
   int error = 0;
 };
 
-/// Whether the kernel has found out the hardware address of a neighbour. True if /proc does not tell.
+/// Returns whether the kernel knows the hardware address of a neighbour; true if /proc/net/arp can't be read.
 bool isResolved(const std::string& address) {
   std::ifstream table("/proc/net/arp");
   if (!table) return true;
@@ -169,7 +170,7 @@ PortState stateOf(int error, const std::string& address) {
 std::optional<std::vector<Listener>> listListeners() {
   std::vector<Listener> listeners;
   if (!readTable("/proc/net/tcp", listeners)) return std::nullopt;
-  readTable("/proc/net/tcp6", listeners);  // missing without IPv6
+  readTable("/proc/net/tcp6", listeners);  // this table is missing without IPv6
   return listeners;
 }
 
@@ -188,7 +189,7 @@ bool covers(const Listener& listener, const std::string& address) {
 
 const Listener* findListener(const std::vector<Listener>& listeners, const std::string& address,
                              std::uint16_t port) {
-  const auto found = std::find_if(listeners.begin(), listeners.end(), [&](const Listener& listener) {
+  const auto found = std::ranges::find_if(listeners, [&](const Listener& listener) {
     return listener.port == port && covers(listener, address);
   });
   return found == listeners.end() ? nullptr : &*found;
@@ -196,8 +197,8 @@ const Listener* findListener(const std::vector<Listener>& listeners, const std::
 
 std::optional<ProcessInfo> findOwner(const Listener& listener) {
   const std::string wanted = "socket:[" + listener.inode + "]";
-  for (const std::filesystem::path& process : numbered("/proc")) {
-    for (const std::filesystem::path& descriptor : numbered(process / "fd")) {
+  for (const std::filesystem::path& process : numberedEntries("/proc")) {
+    for (const std::filesystem::path& descriptor : numberedEntries(process / "fd")) {
       std::error_code error;
       if (std::filesystem::read_symlink(descriptor, error) == wanted) return describeProcess(process);
     }
@@ -206,7 +207,7 @@ std::optional<ProcessInfo> findOwner(const Listener& listener) {
 }
 
 std::optional<std::vector<ProcessInfo>> findProcesses(std::string_view name) {
-  const std::vector<std::filesystem::path> folders = numbered("/proc");
+  const std::vector<std::filesystem::path> folders = numberedEntries("/proc");
   if (folders.empty()) return std::nullopt;
   std::vector<ProcessInfo> found;
   for (const std::filesystem::path& folder : folders) {
@@ -231,10 +232,10 @@ std::vector<PortState> probePorts(const std::string& address, const std::vector<
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
     if (waiting.empty() || left <= 0 || poll(waiting.data(), waiting.size(), static_cast<int>(left)) == 0)
       break;
-    for (const pollfd& answered : waiting) {
-      if (answered.revents == 0) continue;
+    for (const pollfd& ready : waiting) {
+      if (ready.revents == 0) continue;
       for (const auto& probe : probes) {
-        if (probe->descriptor() == answered.fd) probe->readResult();
+        if (probe->descriptor() == ready.fd) probe->readResult();
       }
     }
   }
@@ -246,6 +247,7 @@ std::vector<PortState> probePorts(const std::string& address, const std::vector<
 
 std::string sourceAddressFor(const std::string& address) {
   const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return "";
   const sockaddr_in peer = endpoint(address, 9);  // any port: connecting a datagram socket sends nothing
   sockaddr_in own = {};
   socklen_t size = sizeof own;

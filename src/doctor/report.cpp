@@ -21,7 +21,7 @@ struct VerdictStyle {
 };
 constexpr std::array<VerdictStyle, 4> kStyles = {
     {{"ok", "\033[32m"}, {"warn", "\033[33m"}, {"FAIL", "\033[31m"}, {"skip", "\033[36m"}}};
-constexpr const char* kPlain = "\033[0m";
+constexpr const char* kResetColour = "\033[0m";
 
 const VerdictStyle& styleOf(Verdict verdict) {
   return kStyles.at(static_cast<std::size_t>(verdict));
@@ -38,7 +38,7 @@ std::string padded(std::string text, std::size_t width) {
   return text;
 }
 
-/// The number of bytes of the UTF-8 character at the front of `text`; 0 if the bytes there are none.
+/// The size in bytes of the UTF-8 character at the front of `text`; 0 if there is no valid one.
 std::size_t characterSize(std::string_view text) {
   const auto lead = static_cast<unsigned char>(text.front());
   if (lead < 0x80) return 1;
@@ -48,27 +48,28 @@ std::size_t characterSize(std::string_view text) {
                                  [](char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; });
   // RFC 3629: no overlong forms, no surrogates, nothing above U+10FFFF.
   const auto second = static_cast<unsigned char>(size > 1 ? text[1] : '\0');
-  const bool valid = !(lead == 0xE0 && second < 0xA0) && !(lead == 0xED && second >= 0xA0) &&
-                     !(lead == 0xF0 && second < 0x90) && !(lead == 0xF4 && second >= 0x90);
-  return whole && valid ? size : 0;
+  const bool overlong = (lead == 0xE0 && second < 0xA0) || (lead == 0xF0 && second < 0x90);
+  const bool surrogate = lead == 0xED && second >= 0xA0;
+  const bool tooLarge = lead == 0xF4 && second >= 0x90;
+  return whole && !overlong && !surrogate && !tooLarge ? size : 0;
 }
 
-/// The text in UTF-8, with '?' for each control character and for each byte that is not UTF-8.
+/// The text in UTF-8, with '?' for each control character and each byte that is not valid UTF-8.
 std::string printable(std::string_view text) {
   std::string result;
   while (!text.empty()) {
     const std::size_t size = characterSize(text);
     const auto lead = static_cast<unsigned char>(text.front());
-    const bool control = size < 2 && (lead < ' ' || lead == 0x7F);
+    const bool c0Control = size < 2 && (lead < ' ' || lead == 0x7F);
     // U+0080 to U+009F are control characters too.
-    const bool control2 = size == 2 && lead == 0xC2 && static_cast<unsigned char>(text[1]) < 0xA0;
-    result += size == 0 || control || control2 ? "?" : std::string(text.substr(0, size));
+    const bool c1Control = size == 2 && lead == 0xC2 && static_cast<unsigned char>(text[1]) < 0xA0;
+    result += size == 0 || c0Control || c1Control ? "?" : std::string(text.substr(0, size));
     text.remove_prefix(std::max<std::size_t>(size, 1));
   }
   return result;
 }
 
-/// A member of a JSON object. The value holds no control characters.
+/// A member of a JSON object. `value` must not contain control characters.
 std::string jsonMember(const char* name, std::string_view value) {
   std::string member = std::string("\"") + name + "\": \"";
   for (const char c : value) {
@@ -122,16 +123,16 @@ int Report::finish() const {
 void Report::printLine(std::string line) const {
   if (line.size() > width) {
     std::size_t end = width - std::min<std::size_t>(width, 3);
-    while (end > 0 && (static_cast<unsigned char>(line[end]) & 0xC0) == 0x80) --end;  // no half characters
+    while (end > 0 && (static_cast<unsigned char>(line[end]) & 0xC0) == 0x80) --end;  // keep characters whole
     line.resize(end);
     line += "...";
   }
-  const auto style = std::find_if(kStyles.begin(), kStyles.end(), [&](const VerdictStyle& candidate) {
+  const auto style = std::ranges::find_if(kStyles, [&](const VerdictStyle& candidate) {
     return line.starts_with(std::string(candidate.word) + ' ');
   });
   if (colour && style != kStyles.end()) {
     const std::size_t word = std::string_view(style->word).size();
-    line = style->colour + line.substr(0, word) + kPlain + line.substr(word);
+    line = style->colour + line.substr(0, word) + kResetColour + line.substr(word);
   }
   std::cout << line << std::endl;
 }

@@ -19,7 +19,7 @@ namespace {
 constexpr int kCommandMs = 4000;  // a slow device needs more than a second for a login
 constexpr int kShortestMs = 100;
 constexpr int kTotalMs = 7000;
-constexpr int kTotalTimeouts = 3;  // with a long timeout
+constexpr int kTotalTimeouts = 3;  // the checks may take this many timeouts, if longer than kTotalMs
 
 void setUser(Situation& situation) {
   situation.userId = geteuid();
@@ -32,7 +32,7 @@ void setUser(Situation& situation) {
 
 void setDirectory(Situation& situation) {
   const std::vector<std::string> candidates = sshDirectoryCandidates();
-  const auto usable = std::find_if(candidates.begin(), candidates.end(), isDirectory);
+  const auto usable = std::ranges::find_if(candidates, isDirectory);
   if (usable == candidates.end()) return;
   situation.sshDir = *usable;
   situation.privateKey = *usable + "/" + kPairingKeyName;
@@ -57,8 +57,12 @@ void guessRole(Situation& situation) {
     return setRole(situation, Role::CLIENT, link->name + " has " + kClientAddress);
   }
   const std::string config = readRegularFile(situation.config);
-  if (config.find(std::string("Host ") + kClientAddress + "\n") != std::string::npos) {
-    return setRole(situation, Role::SERVER, std::string("ssh's config names ") + kClientAddress);
+  const std::pair<Role, std::string> blocks[] = {{Role::SERVER, kClientAddress},
+                                                 {Role::CLIENT, kServerAddress}};
+  for (const auto& [role, peerAddress] : blocks) {
+    if (config.find("Host " + peerAddress + "\n") != std::string::npos) {
+      return setRole(situation, role, "ssh's config names " + peerAddress);
+    }
   }
   setRole(situation, Role::CLIENT, "a guess");
   situation.roleIsGuess = true;
@@ -105,7 +109,7 @@ std::string Situation::hostLine() const {
 
 std::string Situation::pairAgain() const {
   if (role == Role::CLIENT) return "dorve-client  # first start dorve-server on " + peerAddress;
-  // Another server would wait for the port that this one holds, and replace its key.
+  // A second dorve-server would replace the key of the first one and then wait for its port.
   return programRuns ? onPeer("dorve-client") : "dorve-server  # then dorve-client on " + peerAddress;
 }
 

@@ -36,8 +36,8 @@ std::string join(const std::vector<std::string>& parts, std::string_view separat
 }
 
 std::string toLower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  std::ranges::transform(text, text.begin(),
+                         [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return text;
 }
 

@@ -12,7 +12,7 @@
 namespace dorve {
 namespace {
 
-constexpr std::size_t kKeyLengthAbove = 100;
+constexpr std::size_t kKeyLengthAbove = 100;  // bytes; a public key is longer
 
 std::string keyPath(const std::string& sshDir, const std::string& keyName) {
   return sshDir + "/" + keyName;
@@ -22,7 +22,7 @@ std::string keyPath(const std::string& sshDir, const std::string& keyName) {
 
 std::string regenerateKeys(const std::string& sshDir, const std::string& keyName) {
   const std::string path = keyPath(sshDir, keyName);
-  // With the old files gone ssh-keygen has nothing to ask; what fails here shows as an empty key below.
+  // ssh-keygen asks before it overwrites a file, so the old files are deleted first.
   std::remove(path.c_str());
   std::remove((path + ".pub").c_str());
   const std::string command = "ssh-keygen -q -t ed25519 -f " + path + " -N '' -C " + keyName + " < /dev/null";
@@ -36,8 +36,8 @@ std::string readPublicKey(const std::string& sshDir, const std::string& keyName)
 
 std::string calculateKeyHash(std::string_view key) {
   unsigned char digest[SHA256_DIGEST_LENGTH];
-  // In steps rather than in one shot: that loads the library's providers first, a millisecond and 2 MB for
-  // the same digest.
+  // SHA256() and the EVP functions would first load the providers of libcrypto.
+  // This takes a millisecond and 2 MB.
   SHA256_CTX context;
   SHA256_Init(&context);
   SHA256_Update(&context, key.data(), key.size());

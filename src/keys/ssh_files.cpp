@@ -13,27 +13,27 @@ namespace {
 
 constexpr mode_t kDirectoryMode = 0700;
 constexpr mode_t kFileMode = 0600;
-constexpr std::size_t kEntryRoom = 8192;  // bytes, for the entry that ends a file
+constexpr std::size_t kEntryReserve = 8192;  // bytes to reserve for the new last line
 
 std::string_view textOrNothing(const char* text) {
   return text == nullptr ? "" : text;
 }
 
-/// What follows the lines of `text` that stay in place: without every empty line and every line that holds
-/// `obsolete`, the last line ended if it was not.
-TextTail keepForeignLines(std::string_view text, std::string_view obsolete) {
+/// The edit that removes every empty line and every line that contains `marker`.
+/// If the last line of the result lacks its newline, the edit adds it.
+TextTail eraseLinesContaining(std::string_view text, std::string_view marker) {
   TextTail tail{std::string_view::npos, ""};
-  // One search that runs ahead of the lines, not one in each: the rare match decides about its line alone.
-  std::size_t match = text.find(obsolete);
-  std::size_t kept = 0;  // where the lines begin that stay and are not in the tail yet
+  // Matches are rare, so one search for each match is faster than one for each line.
+  std::size_t match = text.find(marker);
+  std::size_t kept = 0;  // start of the lines that stay and are not in `tail` yet
   for (std::size_t line = 0, next = 0; line < text.size(); line = next) {
     next = std::min(text.find('\n', line), text.size() - 1) + 1;
-    const bool isObsolete = match < next;
-    if (isObsolete) match = text.find(obsolete, next);
-    if (!isObsolete && text[line] != '\n') continue;
+    const bool holdsMarker = match < next;
+    if (holdsMarker) match = text.find(marker, next);
+    if (!holdsMarker && text[line] != '\n') continue;
     if (tail.from == std::string_view::npos) {
       tail.from = line;
-      tail.text.reserve(text.size() - line + kEntryRoom);
+      tail.text.reserve(text.size() - line + kEntryReserve);
     } else {
       tail.text += text.substr(kept, line - kept);
     }
@@ -49,10 +49,10 @@ TextTail keepForeignLines(std::string_view text, std::string_view obsolete) {
   return tail;
 }
 
-/// The edit that authorized_keys and known_hosts share: lines that hold `obsolete` go, `entry` ends the file.
-void replaceEntry(const std::string& path, std::string_view obsolete, std::string_view entry) {
+/// Removes the lines that contain `marker` from authorized_keys or known_hosts, and adds `entry` at the end.
+void replaceEntry(const std::string& path, std::string_view marker, std::string_view entry) {
   replaceFileTail(path, [&](std::string_view text) {
-    TextTail tail = keepForeignLines(text, obsolete);
+    TextTail tail = eraseLinesContaining(text, marker);
     if (tail.from > 0 || !tail.text.empty()) tail.text += '\n';
     tail.text += entry;
     return tail;
@@ -83,9 +83,9 @@ void addSshConfig(const std::string& sshDir, const std::string& keyName, const c
   const std::string hostLine = std::string("Host ") + host;
   const auto text = readFileText(path);
   if (text && text->find(hostLine) == std::string::npos) {
-    // The block's own first, empty line also ends a last line that had no end.
-    // Half a block would be taken for a whole one by every later edit, so it is all or nothing.
-    appendFileText(
+    // The leading newline also ends a last line that lacks its newline.
+    // A later edit would mistake a part of a block for the block, so it is appended whole or not at all.
+    appendAllOrNothing(
         path,
         "\n" + hostLine + "\n    IdentityFile " + sshDir + "/" + keyName +
             "\n    IdentitiesOnly yes\n    StrictHostKeyChecking no\n    UserKnownHostsFile /dev/null\n");

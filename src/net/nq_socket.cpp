@@ -157,11 +157,11 @@ bool NqSocket::connect(const sockaddr_in& address, int retries, unsigned int del
 
 void NqSocket::repeatOnFreshSockets(AddressCall call, const sockaddr_in& address, int retries,
                                     unsigned int delayMs, const char* createFailure, const char* name) {
-  const auto attemptSucceeds = [&] {
+  const auto tryOnce = [&] {
     return call(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
   };
 
-  if (attemptSucceeds()) return;
+  if (tryOnce()) return;
   int error = errno;
   int attempt = 1;
   for (; attempt != retries + 1; ++attempt) {
@@ -175,7 +175,7 @@ void NqSocket::repeatOnFreshSockets(AddressCall call, const sockaddr_in& address
       throw;
     }
     sleepMs(delayMs);
-    if (attemptSucceeds()) return;
+    if (tryOnce()) return;
     error = errno;
   }
   throw NqSocketException(std::string(name) + " failed after " + std::to_string(attempt) + " attempts",

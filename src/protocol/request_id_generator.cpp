@@ -28,7 +28,7 @@ std::string RequestIdGenerator::generate(const char* prefix) {
 std::string RequestIdGenerator::format(const char* prefix, std::uint64_t ms, std::uint32_t random) {
   std::ostringstream id;
   id << "REQ-";
-  // A failed stream drops all that follows: whoever passes a null prefix gets "REQ-" and nothing behind it.
+  // A failed stream ignores further output, so a null prefix gives "REQ-" alone, as the header promises.
   if (prefix == nullptr) {
     id.setstate(std::ios::badbit);
   } else {

@@ -23,8 +23,8 @@ constexpr std::size_t kTokenLength = 2 * kMacSize;
 }  // namespace
 
 std::string SessionToken::generate(const void* key, std::size_t keyLength) {
-  // The device yields 32 bits, so there are 2^32 different blocks and no more: a token tells runs apart, it
-  // guards nothing.
+  // The device yields 32 bits, so there are only 2^32 different blocks.
+  // A token identifies a run. It protects nothing.
   std::random_device device("default");
   return generateFromSeed(device(), key, keyLength);
 }
@@ -32,7 +32,7 @@ std::string SessionToken::generate(const void* key, std::size_t keyLength) {
 std::string SessionToken::generateFromSeed(std::uint64_t seed, const void* key, std::size_t keyLength) {
   std::mt19937_64 twister(seed);
   std::array<std::uint64_t, 4> block;
-  std::ranges::generate(block, std::ref(twister));  // little-endian, as the host is
+  std::ranges::generate(block, std::ref(twister));  // in host order, which is little-endian
 
   unsigned char mac[kMacSize] = {};
   hmacSha256(key, keyLength, block.data(), sizeof block, mac);
@@ -41,8 +41,8 @@ std::string SessionToken::generateFromSeed(std::uint64_t seed, const void* key, 
 
 unsigned char* SessionToken::hmacSha256(const void* key, std::size_t keyLength, const void* data,
                                         std::size_t dataLength, unsigned char* output) {
-  // A MAC needs none of the configuration, names and texts that the library would load at its first use: 0.6
-  // MB.
+  // Without these flags, libcrypto would load 0.6 MB of configuration, names and error texts.
+  // An HMAC needs none of them.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS |
                           OPENSSL_INIT_NO_ADD_ALL_CIPHERS | OPENSSL_INIT_NO_ADD_ALL_DIGESTS,
                       nullptr);

@@ -3,14 +3,14 @@
 
 #include <iostream>
 
-#include "dorve/protocol/endpoints.h"
 #include "dorve/protocol/version_list.h"
+#include "dorve/util/report_error.h"
 
 namespace dorve {
 namespace {
 
-std::int32_t refuse(std::int32_t result) {
-  std::cerr << "Error" << std::endl;
+std::int32_t reject(std::int32_t result) {
+  reportError();
   return result;
 }
 
@@ -31,19 +31,19 @@ VersionQuery VersionManager::createVersionQuery(std::string_view requestId) cons
 }
 
 bool VersionManager::isVersionSupported(std::string_view version, std::string_view list) {
-  return listHolds(list, version);
+  return listContains(list, version);
 }
 
 std::int32_t VersionManager::processVersionResponse(const VersionResponse& response,
                                                     std::string_view expectedRequestId,
                                                     char (&selectedVersion)[kVersionCapacity],
                                                     std::uint32_t& features) const {
-  if (readText(response.request_id) != expectedRequestId) return refuse(kRefused);
+  if (readText(response.request_id) != expectedRequestId) return reject(kRefused);
   if (response.error_code != kVersionSelected)
-    return refuse(response.error_code == kNoCommonVersion ? kNoCompatibleVersion : kRefused);
+    return reject(response.error_code == kNoCommonVersion ? kNoCompatibleVersion : kRefused);
 
   const std::string_view selected = readText(response.selected_version);
-  if (selected.empty() || !isVersionSupported(selected, readText(supportedVersions))) return refuse(kRefused);
+  if (selected.empty() || !isVersionSupported(selected, readText(supportedVersions))) return reject(kRefused);
 
   writeText(selectedVersion, selected);
   features = response.features;

@@ -3,7 +3,6 @@
 
 #include <cstdlib>
 
-#include "dorve/protocol/endpoints.h"
 #include "dorve/protocol/version_list.h"
 
 namespace dorve {
@@ -58,15 +57,14 @@ std::int32_t VersionTable::compareVersions(std::string_view a, std::string_view 
 }
 
 bool VersionTable::versionInList(std::string_view version, std::string_view list) const {
-  return listHolds(list, version);
+  return listContains(list, version);
 }
 
 std::string VersionTable::findCommonVersion(std::string_view clientList) const {
   std::string_view best;
-  anyListItem(clientList, [&](std::string_view item) {
+  for (const std::string_view item : splitList(clientList)) {
     if (versionInList(item, supported()) && (best.empty() || compareVersions(item, best) == 1)) best = item;
-    return false;
-  });
+  }
   return std::string(best);
 }
 

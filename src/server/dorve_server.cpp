@@ -3,12 +3,12 @@
 
 #include <cstring>
 #include <iostream>
-#include <new>
 
 #include "dorve/keys/key_material.h"
 #include "dorve/keys/ssh_files.h"
 #include "dorve/protocol/endpoints.h"
 #include "dorve/protocol/session_token.h"
+#include "dorve/util/report_error.h"
 
 namespace dorve {
 namespace {
@@ -19,30 +19,24 @@ constexpr unsigned long kClientTimeoutMs = 5000;
 constexpr int kBindRetries = 100;
 constexpr unsigned int kBindRetryMs = 200;
 
-void tellError() {
-  std::cerr << "Error" << std::endl;
-}
-
-/// The text that every request's body begins with.
+/// The request id, which is at the same offset in all requests.
 std::string_view requestIdOf(const std::uint8_t* message) {
   return readText(reinterpret_cast<const VersionQuery*>(message)->request_id);
 }
 
-std::uint16_t typeOf(const std::uint8_t* message) {
-  return reinterpret_cast<const MessageHeader*>(message)->type;
+MessageType typeOf(const std::uint8_t* message) {
+  return static_cast<MessageType>(reinterpret_cast<const MessageHeader*>(message)->type);
 }
 
-/// Has a handler build its response in place in `response`; gives its size.
-template <typename Request, typename Response>
-std::size_t answer(DorveServer& server, Response (DorveServer::*handle)(const Request*),
-                   const std::uint8_t* request, std::uint8_t* response) {
-  new (response) Response((server.*handle)(reinterpret_cast<const Request*>(request)));
-  return sizeof(Response);
+/// The bytes of a message as the record that a handler takes.
+template <typename Response, typename Request>
+const Request* argumentOf(Response (DorveServer::*)(const Request*), const std::uint8_t* message) {
+  return reinterpret_cast<const Request*>(message);
 }
 
-/// The one word that the log has for a failed socket. What failed is there for a debugger that stops here.
-void tellException(const NqSocketException& failure) {
-  [[maybe_unused]] const char* what = failure.what();
+/// Reports a socket failure in one line without details. The text of `failure` is dropped on purpose.
+void reportException(const NqSocketException& failure) {
+  [[maybe_unused]] const char* dropped = failure.what();
   std::cerr << "Exception" << std::endl;
 }
 
@@ -63,48 +57,49 @@ bool DorveServer::start() {
     listener.setTimeout(kListenerTimeoutMs);
     listener.bind(makeAddress(kServerAddress, kPort), kBindRetries, kBindRetryMs);
     listener.listen(kBacklog);
-    // The library loads what a MAC needs when it makes the first one: now, while nobody waits for an answer.
+    // The first HMAC makes libcrypto load its code.
+    // Doing this before a client connects shortens the first response.
     unsigned char mac[32];
     SessionToken::hmacSha256("", 0, "", 0, mac);
     NqSocket client = listener.accept();
     client.setTimeout(kClientTimeoutMs);
     processRequest(client);
   } catch (const NqSocketException& failure) {
-    tellException(failure);
+    reportException(failure);
     return false;
   }
   return true;
 }
 
-void DorveServer::processRequest(NqSocket& client) try {
+void DorveServer::processRequest(NqSocket& client) {
   std::uint8_t request[SERVER_RECEIVE_BUFFER];
-  std::uint8_t response[sizeof(ExchangeKeysResponse)];
-  for (;;) {
-    const std::size_t received = client.receive(request, sizeof request);
-    if (received == 0) return;
-    if (!completeMessage(client, request, received)) {
-      tellError();
-      continue;
+  try {
+    while (serveRequest(client, request)) {
     }
-    const std::string_view requestId = requestIdOf(request);
-    if (const CacheEntry* known = responseCache.lookup(requestId)) {
-      client.sendAll(known->response, static_cast<std::size_t>(known->responseSize));
-      continue;
-    }
-    const std::size_t size = dispatch(request, response);
-    if (size == 0) {
-      tellError();
-      continue;
-    }
-    responseCache.store(requestId, response, size);
-    client.sendAll(response, size);
-    if (typeOf(request) == static_cast<std::uint16_t>(MessageType::CONFIRM_INSTALL_REQUEST)) return;
+  } catch (const NqSocketException& failure) {
+    reportException(failure);
   }
-} catch (const NqSocketException& failure) {
-  tellException(failure);
 }
 
-bool DorveServer::completeMessage(NqSocket& client, std::uint8_t* buffer, std::size_t received) {
+bool DorveServer::serveRequest(NqSocket& client, std::uint8_t* request) {
+  const std::size_t received = client.receive(request, SERVER_RECEIVE_BUFFER);
+  if (received == 0) return false;
+  if (!completeAndValidate(client, request, received)) {
+    reportError();
+    return true;
+  }
+  if (const CacheEntry* known = responseCache.lookup(requestIdOf(request))) {
+    client.sendAll(known->response, static_cast<std::size_t>(known->responseSize));
+    return true;
+  }
+  if (!handle(client, request)) {
+    reportError();
+    return true;
+  }
+  return typeOf(request) != MessageType::CONFIRM_INSTALL_REQUEST;
+}
+
+bool DorveServer::completeAndValidate(NqSocket& client, std::uint8_t* buffer, std::size_t received) {
   if (received < kHeaderSize) return false;
   MessageSerializer::decodeHeader(buffer);
   const std::uint32_t length = reinterpret_cast<const MessageHeader*>(buffer)->length;
@@ -112,33 +107,39 @@ bool DorveServer::completeMessage(NqSocket& client, std::uint8_t* buffer, std::s
   while (received < length) {
     const std::size_t more = client.receive(buffer + received, length - received);
     if (more == 0) {
-      // Told here and once more by the caller, for the end of the stream and for the message that it cut:
-      // readers of the log know a cut message by the pair.
-      tellError();
+      // Printed here and again by the caller, on purpose:
+      // two "Error" lines mean that the connection closed inside a message.
+      reportError();
       return false;
     }
     received += more;
   }
-  // What an earlier message left behind this one must not be taken for a part of it.
+  // A short message must not end with the bytes of an earlier one.
   std::memset(buffer + received, 0, SERVER_RECEIVE_BUFFER - received);
   return MessageSerializer::validateChecksum(buffer, received) &&
-         MessageSerializer::validateHeader(buffer, typeOf(buffer), received);
+         MessageSerializer::validateHeader(buffer, static_cast<std::uint16_t>(typeOf(buffer)), received);
 }
 
-std::size_t DorveServer::dispatch(const std::uint8_t* request, std::uint8_t* response) {
-  switch (static_cast<MessageType>(typeOf(request))) {
+bool DorveServer::handle(NqSocket& client, const std::uint8_t* request) {
+  const auto respond = [&](auto handler) {
+    const auto response = (this->*handler)(argumentOf(handler, request));
+    responseCache.store(requestIdOf(request), &response, sizeof response);
+    client.sendAll(&response, sizeof response);
+    return true;
+  };
+  switch (typeOf(request)) {
     case MessageType::VERSION_QUERY:
-      return answer(*this, &DorveServer::handleVersionQuery, request, response);
+      return respond(&DorveServer::handleVersionQuery);
     case MessageType::EXCHANGE_KEYS_REQUEST:
-      return answer(*this, &DorveServer::handleExchangeKeys, request, response);
+      return respond(&DorveServer::handleExchangeKeys);
     case MessageType::VERIFY_KEYS_REQUEST:
-      return answer(*this, &DorveServer::handleVerifyKeys, request, response);
+      return respond(&DorveServer::handleVerifyKeys);
     case MessageType::INSTALL_KEYS_REQUEST:
-      return answer(*this, &DorveServer::handleInstallKeys, request, response);
+      return respond(&DorveServer::handleInstallKeys);
     case MessageType::CONFIRM_INSTALL_REQUEST:
-      return answer(*this, &DorveServer::handleConfirm, request, response);
+      return respond(&DorveServer::handleConfirm);
     default:
-      return 0;
+      return false;
   }
 }
 

@@ -3,8 +3,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iostream>
 #include <limits>
+
+#include "dorve/util/report_error.h"
 
 namespace dorve {
 namespace {
@@ -32,7 +33,7 @@ CacheEntry* ResponseCache::lookup(std::string_view requestId) {
 
 void ResponseCache::store(std::string_view requestId, const void* data, std::size_t size) {
   if (size > kMaxCachedResponse) {
-    std::cerr << "Error" << std::endl;
+    reportError();
     return;
   }
   const std::uint64_t now = MessageSerializer::getTimestampUs();

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The server's five handlers: each answers one kind of request with one whole response.
+// The server's five handlers. Each carries out one type of request and returns its whole response.
 #include <cstdio>
 
 #include "dorve/protocol/endpoints.h"
@@ -9,8 +9,8 @@
 namespace dorve {
 namespace {
 
-/// What every response has in common: zeroed, header, the request's id, the body that `fill` gives it,
-/// sealed. The client's sequence number is not echoed.
+/// Makes a sealed response: a zeroed record with header and request id, whose body `fill` writes.
+/// The response does not repeat the client's sequence number.
 template <typename Response, typename Request, typename Fill>
 Response respondTo(const Request* request, Fill fill) {
   static_assert(static_cast<int>(Response::kType) == static_cast<int>(Request::kType) + 1);
@@ -50,7 +50,7 @@ ExchangeKeysResponse DorveServer::handleExchangeKeys(const ExchangeKeysRequest* 
 }
 
 VerifyKeysResponse DorveServer::handleVerifyKeys(const VerifyKeysRequest* request) {
-  // The hashes are not compared: the client sends both and takes this word for it.
+  // The hashes are not compared: the server trusts the client, and the client accepts this status.
   return respondTo<VerifyKeysResponse>(
       request, [](VerifyKeysResponse& response) { writeText(response.status, kStatusVerified); });
 }

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The server's hold on an sshd that no service manager runs: find it, stop it, start a fresh one. Nothing in
-// a pairing calls this; sshd reads authorized_keys anew at every login.
+// Finds, stops and starts an sshd that no service manager runs.
 #include <signal.h>
 
 #include <algorithm>
@@ -12,6 +11,7 @@
 #include <iostream>
 
 #include "dorve/server/dorve_server.h"
+#include "dorve/util/report_error.h"
 #include "dorve/util/sleep.h"
 
 namespace dorve {
@@ -32,19 +32,14 @@ std::string processFile(int pid, const char* name) {
   return "/proc/" + std::to_string(pid) + "/" + name;
 }
 
-/// Whether /proc tells that a process has ended and waits for its parent only. The state is the letter behind
-/// the command name, which stands in parentheses and may hold some itself.
+/// Returns whether a process is a zombie: it has ended, but its parent has not reaped it.
+/// In /proc/PID/stat, the state follows the last ')'. The name before it may also contain a ')'.
 bool isZombie(int pid) {
   std::ifstream file(processFile(pid, "stat"));
   std::string line;
   std::getline(file, line);
   const auto nameEnd = line.rfind(')');
   return nameEnd != std::string::npos && nameEnd + 2 < line.size() && line[nameEnd + 2] == 'Z';
-}
-
-bool tellError() {
-  std::cerr << "Error" << std::endl;
-  return false;
 }
 
 }  // namespace
@@ -80,10 +75,14 @@ bool DorveServer::terminateSshd(int pid) {
     int waitMs;
   } steps[] = {{SIGTERM, kTermWaitMs}, {SIGKILL, kKillWaitMs}};
   for (const auto& [signal, waitMs] : steps) {
-    if (kill(pid, signal) != 0) return errno == ESRCH || tellError();
+    if (kill(pid, signal) != 0) {
+      if (errno == ESRCH) return true;
+      break;
+    }
     if (waitForProcTerm(pid, waitMs)) return true;
   }
-  return tellError();
+  reportError();
+  return false;
 }
 
 void DorveServer::restartSshdUnmanaged() {
@@ -92,7 +91,7 @@ void DorveServer::restartSshdUnmanaged() {
     if (!terminateSshd(pid)) std::cerr << "Warning" << std::endl;
     std::remove(kPidFile);
   }
-  // In the background and unchecked: what it has to say stands in the kernel log.
+  // sshd starts in the background, and its status is not checked. Its output is in the kernel log.
   [[maybe_unused]] const int status = std::system((std::string(kProgram) + kIntoKernelLog).c_str());
 }
 

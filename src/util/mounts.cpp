@@ -8,12 +8,14 @@
 #include <string>
 #include <string_view>
 
+#include "dorve/util/report_error.h"
+
 namespace dorve {
 
 bool isMounted(const char* path) {
   std::ifstream mounts("/proc/mounts");
   if (!mounts) {
-    std::cerr << "Error" << std::endl;
+    reportError();
     return false;
   }
   for (std::string line; std::getline(mounts, line);) {
@@ -29,7 +31,7 @@ bool isMounted(const char* path) {
 bool mountTmpfs(const char* path, const char* options) {
   if (isMounted(path)) return true;
   if (mount("tmpfs", path, "tmpfs", MS_NOSUID | MS_NODEV | MS_NOEXEC, options) != 0) {
-    std::cerr << "Error" << std::endl;
+    reportError();
     return false;
   }
   std::cout << "Successful" << std::endl;

@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: MIT
+#ifndef DORVE_PROTOCOL_SESSION_TOKEN_H_
+#define DORVE_PROTOCOL_SESSION_TOKEN_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace dorve {
+
+constexpr std::uint64_t kTokenLifetimeUs = 3'600'000'000;  // one hour
+
+/// A session token is the HMAC-SHA256 (RFC 2104) of a random block, as 64 lower-case hexadecimal digits.
+/// It expires at a wall-clock time, in microseconds since 1970-01-01 00:00 UTC.
+/// Neither program checks tokens or their expiry.
+class SessionToken {
+ public:
+  /// A new token: the HMAC of a random block of 32 bytes with `key`.
+  /// Throws what std::random_device throws if the system has no random device.
+  static std::string generate(const void* key, std::size_t keyLength);
+
+  /// Writes the HMAC-SHA256 of `data`, 32 bytes, to `output`. Returns `output`, or null if libcrypto fails.
+  static unsigned char* hmacSha256(const void* key, std::size_t keyLength, const void* data,
+                                   std::size_t dataLength, unsigned char* output);
+
+  /// The same as `toHex`.
+  static std::string bytesToHex(const unsigned char* bytes, std::size_t count);
+
+  /// Returns whether a text is exactly 64 hexadecimal digits, in upper or lower case.
+  static bool validateFormat(std::string_view text);
+
+  /// The same as `MessageSerializer::getTimestampUs`.
+  static std::uint64_t getCurrentTimeUs();
+
+  /// `timeUs` plus `kTokenLifetimeUs`, without a check for overflow.
+  static std::uint64_t calculateExpiry(std::uint64_t timeUs);
+
+  /// Returns whether the current time is later than `expiryUs`.
+  static bool isExpired(std::uint64_t expiryUs);
+
+ private:
+  friend struct TestAccess;
+
+  static std::string generateFromSeed(std::uint64_t seed, const void* key, std::size_t keyLength);
+};
+
+}  // namespace dorve
+
+#endif  // DORVE_PROTOCOL_SESSION_TOKEN_H_

@@ -1,0 +1,110 @@
+// SPDX-License-Identifier: MIT
+#ifndef DORVE_SERVER_DORVE_SERVER_H_
+#define DORVE_SERVER_DORVE_SERVER_H_
+
+#include <cstdint>
+#include <string>
+
+#include "dorve/net/nq_socket.h"
+#include "dorve/protocol/messages.h"
+#include "dorve/protocol/version_table.h"
+#include "dorve/server/response_cache.h"
+
+namespace dorve {
+
+/// The largest message that the server reads, in bytes.
+constexpr std::size_t SERVER_RECEIVE_BUFFER = 8192;
+
+/// The server side of a pairing. One object serves one client on one connection.
+/// It carries out requests one at a time and requires no order.
+/// It trusts the client: it ignores the tokens, hashes and flags in requests. An object takes over 90 KB.
+class DorveServer {
+ public:
+  /// Creates the SSH directory `directory` if it is missing, and sets its mode to 0700 if the process
+  /// may do so. `address` and `port` are ignored: `start` always listens on 172.20.10.1, port 8888.
+  DorveServer(const std::string& address, int port, const std::string& directory);
+  ~DorveServer();
+  DorveServer(const DorveServer&) = delete;
+  DorveServer& operator=(const DorveServer&) = delete;
+
+  /// Generates the pairing key, accepts one client within 60 seconds and serves it.
+  /// Returns true after serving a client, whatever the result. Returns false, after printing "Exception"
+  /// on standard error, if the sockets can't be set up or no client connects.
+  bool start();
+
+  /// Serves a connection until the client closes it, a ConfirmInstallRequest has been carried out
+  /// or the socket fails. Anything but a complete, valid request is dropped: "Error" is printed
+  /// and the connection stays open. A socket failure prints "Exception". Both lines go to standard error.
+  void processRequest(NqSocket& client);
+
+  /// Each carries out one request and returns its sealed response. None rejects a request.
+  VersionResponse handleVersionQuery(const VersionQuery* query);
+  ExchangeKeysResponse handleExchangeKeys(const ExchangeKeysRequest* request);
+  VerifyKeysResponse handleVerifyKeys(const VerifyKeysRequest* request);
+  InstallKeysResponse handleInstallKeys(const InstallKeysRequest* request);
+  ConfirmInstallResponse handleConfirm(const ConfirmInstallRequest* request);
+
+  /// The operations of dorve/keys/ for this server's SSH directory and pairing key.
+  void regenerateKeys();
+  std::string readPublicKey() const;
+  std::string calculateKeyHash(const char* key) const;
+  bool validateKeyFormat(const char* key) const;
+  void addAuthKey(const char* publicKey);
+  void addKnownHost(const char* publicKey, const char* host);
+  void addSshConfig(const char* host);
+
+  /// Does nothing and returns true, because `handleInstallKeys` installs the client's key.
+  /// For embedders; the programs do not call it.
+  bool installKeysLocally(const char* keyText);
+
+  /// Returns whether `token` has the format of a session token. For embedders; the programs do not call it.
+  bool validateSessionToken(const char* token) const;
+
+  /// Restarts an sshd that no service manager runs: stops the sshd that /var/run/sshd.pid names,
+  /// deletes that file and starts sshd in the background, with its output in the kernel log.
+  /// If the file names no running sshd, leaves it as it is and only starts sshd.
+  /// Prints "Warning" on standard error if the old sshd can't be stopped, and then starts a new one anyway.
+  /// Blocks for up to about 7 seconds. For embedders:
+  /// dorve-server does not call it, because sshd reads authorized_keys at every login.
+  void restartSshdUnmanaged();
+
+  /// The process ID in /var/run/sshd.pid if that process is sshd, else -1.
+  int readSshdPid();
+
+  /// Returns whether the program name (argv[0]) of a process contains "sshd".
+  bool verifySshdProcess(int pid);
+
+  /// Sends SIGTERM to a process and, after 5 seconds, SIGKILL. Returns whether the process has ended.
+  /// Prints "Error" on standard error if it can't be signalled or still exists 2 seconds after SIGKILL.
+  bool terminateSshd(int pid);
+
+  /// Waits until a process has ended or is a zombie. Returns false after more than `timeoutMs` milliseconds.
+  /// Checks at intervals of 20, 40, 80 and 160 ms, then every 200 ms.
+  bool waitForProcTerm(int pid, int timeoutMs);
+
+ private:
+  /// Receives and serves the next request. `request` is a buffer of `SERVER_RECEIVE_BUFFER` bytes.
+  /// Returns whether to continue.
+  bool serveRequest(NqSocket& client, std::uint8_t* request);
+
+  /// Receives the rest of the message whose first `received` bytes are in `buffer`, decodes its header
+  /// and zeroes the unused bytes of the buffer. Returns whether the message is complete and valid.
+  static bool completeAndValidate(NqSocket& client, std::uint8_t* buffer, std::size_t received);
+
+  /// Handles a valid request, stores the response and sends it. Returns false for an unknown type.
+  bool handle(NqSocket& client, const std::uint8_t* request);
+
+  [[maybe_unused]] std::int32_t unusedListener = -1;  ///< never used
+  [[maybe_unused]] std::int32_t unusedClient = -1;    ///< never used
+  char tokenSeed[kPublicKeyCapacity] = {};            ///< HMAC key of the session tokens; always empty
+  char localPublicKey[kPublicKeyCapacity] = {};
+  char peerPublicKey[kPublicKeyCapacity] = {};
+  ResponseCache responseCache;
+  VersionTable versionTable;
+  std::string sshDir;
+  std::string keyName;
+};
+
+}  // namespace dorve
+
+#endif  // DORVE_SERVER_DORVE_SERVER_H_

@@ -1,0 +1,12 @@
+// SPDX-License-Identifier: MIT
+#ifndef DORVE_UTIL_REPORT_ERROR_H_
+#define DORVE_UTIL_REPORT_ERROR_H_
+
+namespace dorve {
+
+/// Prints the line "Error" on standard error. For most failures, this line is the whole report.
+void reportError();
+
+}  // namespace dorve
+
+#endif  // DORVE_UTIL_REPORT_ERROR_H_

@@ -1,7 +1,8 @@
 # SPDX-License-Identifier: MIT
-# Draws docs/performance-*.svg. scripts/bench starts it where the data are and passes `docs`. A line of bars.dat
-# has the row, the begin, the end and the label of a bar; one of growth.dat the number of lines, then the lower
-# quartile, the median and the upper quartile of the edit and of grep -v, in microseconds.
+# Draws docs/performance-*.svg. scripts/bench runs it in the folder of the data files and sets `docs`.
+# Each line of bars.dat holds the row, the start, the end and the label of a bar.
+# Each line of growth.dat holds the number of lines in the edited file, then the lower quartile, the median and the
+# upper quartile of the edit and of grep -v, in microseconds.
 set terminal svg size 800,400 dynamic background "white" font "sans-serif,13"
 set border 3 lc rgb "#666666"
 set tics nomirror
@@ -9,7 +10,7 @@ set grid xtics lt 1 lc rgb "#dddddd"
 
 text(x) = sprintf(x < 10 ? "%.2f" : "%.1f", x)
 
-# A bar a stage, each where the one above it ends; above them what any process and the key alone take.
+# One bar for each stage, which begins where the bar above it ends. The four bars at the top are whole runs.
 set output docs."/performance-time.svg"
 set title "Where the milliseconds of a pairing go: dorve-client, the server waits for it"
 set xlabel "milliseconds since the start (medians)"

@@ -1,12 +1,13 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
-# What the scripts share; to be sourced. It installs Debian packages where asked to and writes to build/.
-# Nothing else of the machine changes: an installation starts no service, and does not leave sshd enabled.
+# Functions and package lists for the scripts, which source this file. The functions install Debian packages and
+# write to build/. They change nothing else on the machine: an installation starts no service, and the service of a
+# newly installed sshd is disabled.
 
 export LC_ALL=C.UTF-8 PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
 checkout=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
 
-# The presets configure the tests along with the programs, so every build needs the test library.
+# Most presets also build the tests, so they need the test libraries.
 # shellcheck disable=SC2034 # used by the scripts that source this
 build_packages=(g++ cmake ninja-build libssl-dev libgtest-dev python3-pytest)
 # shellcheck disable=SC2034
@@ -16,15 +17,15 @@ deb_packages=(build-essential debhelper cmake libssl-dev)
 # shellcheck disable=SC2034
 cross_packages=(mmdebstrap)
 # shellcheck disable=SC2034
-deb_test_packages=(lintian reprotest faketime piuparts mmdebstrap systemd-container qemu-user-static procps)
+deb_test_packages=(lintian reprotest faketime piuparts mmdebstrap systemd-container qemu-user-static)
 # shellcheck disable=SC2034
 fuzz_packages=(clang libclang-rt-dev llvm)
 # shellcheck disable=SC2034
 lab_packages=(iproute2 mount util-linux openssh-server openssh-client)
-# shellcheck disable=SC2034 # tshark brings dumpcap along
+# shellcheck disable=SC2034 # the package tshark depends on the one that has dumpcap
 wire_packages=(tshark)
 # shellcheck disable=SC2034
-test_packages=(strace nftables)
+test_packages=(strace nftables e2fsprogs)
 # shellcheck disable=SC2034
 embed_packages=(g++ cmake ninja-build libssl-dev pkgconf)
 # shellcheck disable=SC2034
@@ -32,7 +33,7 @@ fault_packages=(strace time)
 # shellcheck disable=SC2034
 bench_packages=(libbenchmark-dev zlib1g-dev sshpass gnuplot-nox)
 
-# Put before a command, this runs it as the user who called sudo, if the checkout is theirs.
+# A command prefix. It runs the command as the user who called sudo, if that user owns the checkout. Else it is empty.
 as_caller=()
 if ((EUID == 0)) && [[ ${SUDO_UID:-0} != 0 && $(stat -c %u "$checkout") == "$SUDO_UID" ]]; then
   as_caller=(setpriv --reuid "$SUDO_UID" --regid "$SUDO_GID" --init-groups
@@ -44,16 +45,19 @@ if [[ -t 1 ]]; then
   bold=$'\e[1m' plain=$'\e[0m'
 fi
 
+# heading TEXT...
 heading() {
   printf '\n%s== %s%s\n' "$bold" "$*" "$plain"
 }
 
+# fail REASON...: prints the reason and exits with status 1.
 fail() {
   printf '%s: %s\n' "${0##*/}" "$*" >&2
   exit 1
 }
 
-# require_root ARGUMENT...: with the caller's own arguments.
+# require_root ARGUMENT...: exits unless it runs as root, and prints the command to type.
+# It takes the script's own arguments.
 require_root() {
   if ((EUID != 0)); then
     printf '%s needs root, type: sudo%s\n' "${0##*/}" "$(printf ' %q' "$0" "$@")" >&2
@@ -61,15 +65,15 @@ require_root() {
   fi
 }
 
-# Gives the caller what root has written to build/.
+# Makes the caller of sudo the owner of build/, because root may have written files there.
 return_build() {
   if [[ ${as_caller[*]} && -d $checkout/build ]]; then
     chown -R "$SUDO_UID:$SUDO_GID" "$checkout/build"
   fi
 }
 
-# leave_root ARGUMENT...: starts the script again as the caller, with the caller's own arguments. For scripts
-# that need root only to install packages.
+# leave_root ARGUMENT...: restarts the script as the caller of sudo. It takes the script's own arguments.
+# It is for scripts that need root only to install packages.
 leave_root() {
   if [[ ${as_caller[*]} ]]; then
     return_build
@@ -77,7 +81,7 @@ leave_root() {
   fi
 }
 
-# quietly WHAT COMMAND...: shows the command's output only when it fails.
+# quietly WHAT COMMAND...: shows the command's output only if the command fails. WHAT names it in the error message.
 quietly() {
   local what=$1 output
   shift
@@ -87,32 +91,32 @@ quietly() {
   }
 }
 
-# Keeps installations from starting services until leash is closed, unless the machine has a policy already.
-# A process of its own takes the policy away: it waits for the end of a pipe that this shell and apt-get hold,
-# so it does so even after a SIGKILL, and not while apt-get still works.
-hold_services() {
+# Prevents installations from starting services until allow_services, unless the machine already has a policy.
+# A background process removes the policy when its pipe closes. This shell and apt-get hold the pipe open, so the policy
+# is removed even after this shell is killed, but not while apt-get still runs.
+forbid_services() {
   local policy=/usr/sbin/policy-rc.d
-  leash=''
+  policy_pipe=''
   if [[ ! -e $policy ]]; then
-    exec {leash}> >(trap '' HUP INT TERM && cat >/dev/null && rm -f "$policy")
-    leash_holder=$!
+    exec {policy_pipe}> >(trap '' HUP INT TERM && cat >/dev/null && rm -f "$policy")
+    policy_remover=$!
     printf '#!/bin/sh\nexit 101\n' >"$policy"
     chmod 0755 "$policy"
   fi
 }
 
-release_services() {
-  if [[ $leash ]]; then
-    exec {leash}>&-
-    wait "$leash_holder"
+allow_services() {
+  if [[ $policy_pipe ]]; then
+    exec {policy_pipe}>&-
+    wait "$policy_remover"
   fi
 }
 
-# install_missing PACKAGE...: only this installs packages. An sshd that was there before is left alone.
+# install_missing PACKAGE...: no other function installs packages. It does not change an sshd that was already there.
 install_missing() {
-  local package missing=() had_sshd='' leash leash_holder
+  local package missing=() had_sshd='' policy_pipe policy_remover
   for package in "$@"; do
-    # One line for each architecture that it is known for.
+    # dpkg-query prints a line for each architecture of the package.
     if ! dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed; then
       missing+=("$package")
     fi
@@ -125,17 +129,16 @@ install_missing() {
   [[ ! -e /usr/sbin/sshd ]] || had_sshd=yes
   export DEBIAN_FRONTEND=noninteractive
   quietly 'apt-get update' apt-get update
-  hold_services
+  forbid_services
   quietly 'apt-get install' apt-get install --yes --no-install-recommends "${missing[@]}" </dev/null
-  release_services
+  allow_services
   if [[ ! $had_sshd && -e /usr/sbin/sshd ]]; then
     quietly 'disabling the ssh service' update-rc.d ssh disable
-    echo 'Installed openssh-server for its sshd; its service is disabled' \
-      '(sudo systemctl enable --now ssh starts it)'
+    echo 'Installed openssh-server and disabled its service. To start it, type: sudo systemctl enable --now ssh'
   fi
 }
 
-# build PRESET [TARGET...]: all targets unless some are named.
+# build PRESET [TARGET...]: builds the targets, or all targets if none is named.
 build() {
   local preset=$1
   shift

@@ -1,6 +1,6 @@
 -- A Wireshark dissector for DORVE: wireshark -X lua_script:wireshark/dorve.lua FILE
--- docs/protocol.md explains what it shows. Field names are those of src/protocol/messages.h.
--- It runs in Wireshark 4.0 (Lua 5.2) and 4.4 (Lua 5.4). Both have the library `bit`, whose results are signed.
+-- docs/protocol.md describes the messages. Field names are those of src/protocol/include/dorve/protocol/messages.h.
+-- It runs in Wireshark 4.0 (Lua 5.2) and 4.4 (Lua 5.4). Both have the library `bit`, which returns signed numbers.
 --
 -- SPDX-License-Identifier: GPL-2.0-or-later
 -- Wireshark asks for the GPL in scripts that use its bindings, so this one file is free software under the
@@ -9,11 +9,11 @@
 local PORT = 8888
 local MAGIC, VERSION = 0x444f5256, 0x0100
 local HEADER_SIZE, ID_SIZE = 32, 128
-local LARGEST = 8192 -- a receiver reads no more than this as one message
+local MAX_SIZE = 8192 -- of a message that a receiver reads, in bytes
 
 local dorve = Proto("dorve", "DORVE")
 
--- Each kind of field: how Wireshark declares it. TEXT ends at its NUL, TIME is in microseconds since 1970.
+-- The kinds of fields, as functions that declare one. TEXT ends at its first NUL. TIME is in microseconds since 1970.
 local function TEXT(abbreviation, name) return ProtoField.string(abbreviation, name) end
 local function U8(abbreviation, name) return ProtoField.uint8(abbreviation, name) end
 local function U16(abbreviation, name) return ProtoField.uint16(abbreviation, name, base.HEX) end
@@ -22,7 +22,8 @@ local function MASK(abbreviation, name) return ProtoField.uint32(abbreviation, n
 local function TIME(abbreviation, name) return ProtoField.absolute_time(abbreviation, name, base.UTC) end
 local function RESERVED(abbreviation, name) return ProtoField.bytes(abbreviation, name) end
 
--- Name, size in bytes and kind, in the order of the wire. The header is big-endian, the bodies are not.
+-- Records: the name, the size in bytes and the kind of each field, in wire order. The header is big-endian, the bodies
+-- are little-endian.
 local HEADER = {
   { "magic", 4, MASK }, { "version", 2, U16 }, { "type", 2, U16 }, { "length", 4, U32 },
   { "checksum", 4, MASK }, { "timestamp", 8, TIME }, { "sequence", 4, U32 }, { "reserved", 4, RESERVED },
@@ -54,7 +55,7 @@ local RECORDS = {
 }
 local UNKNOWN = { name = "Unknown message" }
 
--- One Wireshark field for each name, whatever records have it.
+-- There is one Wireshark field for each name. Records that have a field of the same name share it.
 local names = {}
 for type, record in pairs(RECORDS) do
   names[type] = record.name
@@ -82,20 +83,20 @@ for _, record in pairs(RECORDS) do
 end
 dorve.fields = fields
 
--- An error is what every receiver refuses. What only has a warning or a note, one takes all the same.
+-- Every receiver rejects a message with an error. At least one accepts a message that has only warnings and notes.
 local experts = {}
 local function declare_expert(name, group, severity, text)
   experts[name] = ProtoExpert.new("dorve." .. name, text, expert.group[group], expert.severity[severity])
 end
-declare_expert("bad_magic", "MALFORMED", "ERROR", "Not the magic of a message")
-declare_expert("bad_version", "PROTOCOL", "ERROR", "Not the version that receivers take")
-declare_expert("bad_type", "MALFORMED", "ERROR", "No such type")
-declare_expert("bad_length", "MALFORMED", "ERROR", "A length that no message has")
-declare_expert("bad_checksum", "CHECKSUM", "ERROR", "Checksum does not match")
+declare_expert("bad_magic", "MALFORMED", "ERROR", "Wrong magic number")
+declare_expert("bad_version", "PROTOCOL", "ERROR", "Unknown version: receivers reject the message")
+declare_expert("bad_type", "MALFORMED", "ERROR", "Unknown type")
+declare_expert("bad_length", "MALFORMED", "ERROR", "Invalid length")
+declare_expert("bad_checksum", "CHECKSUM", "ERROR", "Wrong checksum")
 declare_expert("short", "MALFORMED", "WARN", "Shorter than its record: receivers take the missing bytes as zero")
-declare_expert("long", "MALFORMED", "WARN", "Longer than its record: the server ignores the rest, the client refuses")
-declare_expert("unterminated", "MALFORMED", "WARN", "Text without NUL: receivers read to the end of its field")
-declare_expert("not_zero", "PROTOCOL", "NOTE", "Reserved, yet not zero: receivers ignore it")
+declare_expert("long", "MALFORMED", "WARN", "Longer than its record: the server ignores the rest, clients reject it")
+declare_expert("unterminated", "MALFORMED", "WARN", "Text without NUL: receivers read to the end of the field")
+declare_expert("not_zero", "PROTOCOL", "NOTE", "Reserved but not zero: receivers ignore it")
 dorve.experts = experts
 
 local CRC = {}
@@ -109,8 +110,8 @@ for byte = 0, 255 do
   CRC[byte] = remainder
 end
 
--- CRC-32/ISO-HDLC of a message given as wire bytes. It covers the fields of the header in little-endian order,
--- the checksum itself as zero, and the body as it is.
+-- The CRC-32/ISO-HDLC of a message, which is given as wire bytes. The CRC covers each header field in little-endian
+-- order, with the checksum as zero, and the wire bytes of the body.
 local function checksum_of(message)
   local pieces, offset = {}, 1
   for _, field in ipairs(HEADER) do
@@ -131,8 +132,8 @@ local function time_of(microseconds)
   return NSTime.new(seconds:tonumber(), (microseconds - seconds * 1000000):tonumber() * 1000)
 end
 
--- Adds the fields of `record` that begin at `offset`, as far as the message goes. Returns where they end, and
--- their items by name.
+-- Adds the fields of `record`, which begins at `offset`, until the message ends.
+-- Returns the offset where the last field ends, and the tree items by field name.
 local function add_fields(tree, message, record, offset, big_endian)
   local items = {}
   for _, field in ipairs(record) do
@@ -148,7 +149,7 @@ local function add_fields(tree, message, record, offset, big_endian)
     end
     local add = (big_endian or kind == RESERVED) and tree.add or tree.add_le
     local item = value and tree:add(fields[name], range, value) or add(tree, fields[name], range)
-    -- A text that the end of the message cuts is ended by the zeroes that receivers put there.
+    -- A text that the end of the message cuts off is not marked: receivers add zeroes there, which end the text.
     if kind == TEXT and #value == size then item:add_proto_expert_info(experts.unterminated) end
     if kind == RESERVED and range:raw():find("[^\0]") then item:add_proto_expert_info(experts.not_zero) end
     items[name] = item
@@ -157,8 +158,8 @@ local function add_fields(tree, message, record, offset, big_endian)
   return offset, items
 end
 
--- The last request of each stream and id; and what each message was linked to when it was first seen, because
--- Wireshark dissects a message again, in any order, when the user looks at it.
+-- `requests` holds the last request of each stream and id. `links` holds the request of each message, as found when the
+-- message was first dissected. Wireshark dissects messages again in any order when the user selects them.
 local requests, links
 function dorve.init()
   requests, links = {}, {}
@@ -166,7 +167,8 @@ end
 
 local stream_of = Field.new("tcp.stream")
 
--- The id alone links: the server answers a known id with what it answered first, whatever is asked under it.
+-- Links a request and its response by their id alone: for an id that it knows, the server repeats its first response,
+-- even if the request has another type.
 local function link(tree, pinfo, is_request, id)
   local key = stream_of().value .. " " .. id
   local message = pinfo.number .. (is_request and " request " or " response ") .. id
@@ -187,15 +189,15 @@ local function link(tree, pinfo, is_request, id)
   end
 end
 
-local function plausible(length)
-  return length >= HEADER_SIZE and length <= LARGEST
+local function valid_length(length)
+  return length >= HEADER_SIZE and length <= MAX_SIZE
 end
 
--- The size of the message at `offset`. One whose length cannot be ends with its segment: the next send may
--- begin a message again.
+-- The size of the message at `offset`. If its length is invalid, the message extends to the end of the segment,
+-- because the next segment may begin a new message.
 local function size_of(tvb, _, offset)
   local length = tvb(offset + 8, 4):uint()
-  return plausible(length) and length or tvb:len() - offset
+  return valid_length(length) and length or tvb:len() - offset
 end
 
 local function dissect_message(tvb, pinfo, root)
@@ -216,7 +218,7 @@ local function dissect_message(tvb, pinfo, root)
   mark("bad_magic", message(0, 4):uint() ~= MAGIC, items.magic)
   mark("bad_version", message(4, 2):uint() ~= VERSION, items.version)
   mark("bad_type", record == UNKNOWN, items.type)
-  mark("bad_length", not plausible(length), items.length)
+  mark("bad_length", not valid_length(length), items.length)
   local good = checksum_of(message:raw()) == message(12, 4):uint()
   tree:add(fields.checksum_status, message(12, 4), good and 1 or 0):set_generated()
   mark("bad_checksum", not good, items.checksum)
@@ -224,10 +226,10 @@ local function dissect_message(tvb, pinfo, root)
   offset = add_fields(tree, message, record, offset, false)
   mark("short", record ~= UNKNOWN and message:len() < record.size)
   if offset < message:len() then
-    local rest = tree:add(message(offset), string.format("%d bytes of no field", message:len() - offset))
+    local rest = tree:add(message(offset), string.format("%d bytes after the last field", message:len() - offset))
     mark("long", record ~= UNKNOWN and offset == record.size, rest)
   end
-  -- What a receiver refuses is neither a request nor a response.
+  -- Only messages that a receiver accepts are requests or responses.
   if good and record ~= UNKNOWN then link(tree, pinfo, type % 2 == 0, id) end
   return message:len()
 end

@@ -20,7 +20,7 @@
 
 #include "dorve/keys/key_material.h"
 #include "dorve/keys/ssh_files.h"
-#include "dorve/protocol/endpoints.h"
+#include "dorve/net/endpoints.h"
 #include "dorve/server/dorve_server.h"
 
 namespace dorve {

@@ -5,7 +5,7 @@
 // there, the keys go to that mount. The exit status is 0 after a pairing, otherwise 1.
 #include <dorve/client/dorve_client.h>
 #include <dorve/keys/ssh_files.h>
-#include <dorve/protocol/endpoints.h>
+#include <dorve/net/endpoints.h>
 #include <dorve/util/mounts.h>
 
 #include <iostream>

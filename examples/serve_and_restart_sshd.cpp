@@ -3,7 +3,7 @@
 // /var/run/sshd.pid. Run it as root on the device that has 172.20.10.1.
 // The exit status is 0 if a client was served, otherwise 1.
 #include <dorve/client/ssh_directory.h>
-#include <dorve/protocol/endpoints.h>
+#include <dorve/net/endpoints.h>
 #include <dorve/server/dorve_server.h>
 
 #include <string>

@@ -41,7 +41,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::remove((kSshDir + "/authorized_keys").c_str());
   DorveClient client("127.0.0.1", 0, kSshDir);
   for (int count = 0; count < 10 && input.remaining_bytes() > 0; ++count) {
-    const std::size_t phase = input.ConsumeIntegral<std::uint8_t>() % 5, offset = kTextOffsets[phase];
+    const std::size_t phase = input.ConsumeIntegral<std::uint8_t>() % std::size(kTextOffsets);
+    const std::size_t offset = kTextOffsets[phase];
     const std::string& good = kGoodResponses[phase];
     std::string id;  // of the client's request
     Peer peer(input, [&](const std::string& received) {

@@ -122,10 +122,12 @@ ssize_t wrappedReceive(int descriptor, void* buffer, std::size_t size, int flags
 /// Then `mutate` corrects the request id, the length and the checksum, unless the input forbids one of these.
 /// A message shorter than a header stays uncorrected.
 inline std::string mutate(FuzzedDataProvider& input, std::string wire, const std::string& id) {
+  constexpr unsigned kMaxMutated = 8200;  // bytes; a few more than the server's receive buffer holds
   constexpr unsigned kWrongId = 1, kWrongLength = 2, kWrongChecksum = 4, kNoNuls = 8;
   constexpr std::size_t kIdEnd = kHeaderSize + kRequestIdCapacity;
   const unsigned choice = input.ConsumeIntegral<std::uint8_t>();
-  if (const auto size = input.ConsumeIntegral<std::uint16_t>() % 8200U; size != 0) wire.resize(size, 'x');
+  if (const auto size = input.ConsumeIntegral<std::uint16_t>() % kMaxMutated; size != 0)
+    wire.resize(size, 'x');
   const std::string bytes = input.ConsumeBytesAsString(input.ConsumeIntegral<std::uint16_t>());
   wire.replace(input.ConsumeIntegral<std::uint16_t>() % (wire.size() + 1), bytes.size(), bytes);
   if (wire.size() < kHeaderSize) return wire;

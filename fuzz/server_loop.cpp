@@ -36,7 +36,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       toWire(makeRecord<InstallKeysRequest>("")), toWire(makeRecord<ConfirmInstallRequest>(""))};
   FuzzedDataProvider input(data, size);
   Peer peer(input, [&](const std::string& /*received*/) {
-    return mutate(input, kRequests[input.ConsumeIntegral<std::uint8_t>() % 5], std::to_string(peer.sent));
+    const std::size_t kind = input.ConsumeIntegral<std::uint8_t>() % std::size(kRequests);
+    return mutate(input, kRequests[kind], std::to_string(peer.sent));
   });
   std::remove((kSshDir + "/authorized_keys").c_str());
   DorveServer server("", 0, kSshDir);
@@ -44,8 +45,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   for (std::string responses = peer.receive(); !responses.empty();) {
     std::size_t kind = 0;
-    while (kind < 5 && !beginsWith(responses, 2 * kind + 1, kResponses[kind].size)) ++kind;
-    check(kind < 5, "each response is complete and valid");
+    while (kind < std::size(kResponses) && !beginsWith(responses, 2 * kind + 1, kResponses[kind].size))
+      ++kind;
+    check(kind < std::size(kResponses), "each response is complete and valid");
     const ResponseLayout& layout = kResponses[kind];
     check(responses[layout.size - 1] == 0, "the last byte of a response is reserved");
     for (const std::size_t end : layout.textEnds) {

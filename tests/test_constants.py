@@ -80,9 +80,8 @@ RUNS_THAT_FAIL = {
         1, "ERROR: Interface 'bsab' not available after 10 seconds\nClient failed\n"),
     "connection refused": (
         "client", "true", [],
-        f"{UNTIL_CONNECT}"
-        f"150 times:\nconnect {ADDRESS} ECONNREFUSED\nclose\n{CLIENT_SOCKET}clock_nanosleep 200 ms\nend\n"
-        f"connect {ADDRESS} ECONNREFUSED\n",
+        f"{UNTIL_CONNECT}150 times:\nconnect {ADDRESS} ECONNREFUSED\nclose\n{CLIENT_SOCKET}clock_nanosleep 200 ms\n"
+        f"end\nconnect {ADDRESS} ECONNREFUSED\n",
         134, "terminate called after throwing an instance of 'dorve::NqSocketException'\n"
              "  what():  Connect failed after 151 attempts: Connection refused\n"),
     "no address": (

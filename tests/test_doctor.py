@@ -14,9 +14,21 @@ import pytest
 from lab import CHECKOUT, Outcome, eventually, prove_login
 
 SSHD_CONFIG = "/etc/ssh/sshd_config"
-STOP_SSHD = "kill $(cat /run/sshd.pid); sleep 0.2"
-RELOAD = "pkill -HUP -o -x sshd; sleep 0.2"
 BEFORE, BETWEEN, AFTER = "before a pairing", "before a pairing, seen after it", "after a pairing"
+
+
+def until(condition):
+    """Waits, on the host, until a shell condition is true."""
+    return f"timeout 10 sh -c 'until {condition}; do sleep 0.02; done'"
+
+
+def listening(port):
+    return until(f'ss -Hltn "sport = :{port}" | grep -q .')
+
+
+STOP_SSHD = f"kill $(cat /run/sshd.pid); {until('! pgrep -x sshd >/dev/null')}"
+# sshd removes its PID file when it restarts and writes it again when it listens.
+RELOAD = f"rm /run/sshd.pid; pkill -HUP -o -x sshd; {until('[ -s /run/sshd.pid ]')}"
 
 
 def sshd(line):
@@ -26,7 +38,7 @@ def sshd(line):
 
 def occupy(port):
     return ("setsid /usr/bin/python3 -c 'import socket, time; "
-            f"s = socket.create_server((\"\", {port})); time.sleep(99)' </dev/null >/dev/null 2>&1 & sleep 0.5")
+            f"s = socket.create_server((\"\", {port})); time.sleep(99)' </dev/null >/dev/null 2>&1 & {listening(port)}")
 
 
 def block(rule):
@@ -72,7 +84,8 @@ MISTAKES = [
     Mistake("The other device lacks its address", BEFORE, "server", "ip address flush dev bsab", seen_from="client"),
     Mistake("Another program holds port 8888", BEFORE, "server", occupy(8888)),
     Mistake("dorve-server runs twice", BEFORE, "server",
-            "setsid dorve-server >/dev/null 2>&1 & setsid dorve-server >/dev/null 2>&1 & sleep 0.3"),
+            f"setsid dorve-server >/dev/null 2>&1 & {listening(8888)}; touch /run/lab/first; "
+            f"setsid dorve-server >/dev/null 2>&1 & {until('[ .ssh/base_slice_exchange.pub -nt /run/lab/first ]')}"),
     Mistake("No server waits", BEFORE, "client", "true"),
     Mistake("A firewall drops port 8888", BEFORE, "server", block("tcp dport 8888 drop"), seen_from="client"),
     Mistake("A firewall rejects port 8888", BEFORE, "server",
@@ -125,7 +138,7 @@ MISTAKES = [
             "Port 23\\n    ProxyJump x\\n    PubkeyAuthentication no\\n' >config"),
     Mistake("ssh logs in under another name", BETWEEN, "client", "printf 'Host *\\n    User me\\n' >.ssh/config"),
     Mistake("Others may read the private key", AFTER, "client", "chmod 644 /root/.ssh/base_slice_exchange"),
-    Mistake("A program was started again", AFTER, "client", "timeout 1 dorve-client --help >/dev/null"),
+    Mistake("A program was started again", AFTER, "client", "timeout 2 dorve-client --help >/dev/null"),
     Mistake("There is no ssh", AFTER, "client", "mount --bind /dev/null /usr/bin/ssh", own_fix="umount /usr/bin/ssh"),
     Mistake("The server has lost its address", AFTER, "server", "ip address flush dev bsab"),
     Mistake("The client has lost its address", AFTER, "client", "ip address flush dev bsab"),
@@ -272,21 +285,17 @@ def test_raises_no_false_alarm(sshd_lab, build, name):
         prove_login(host)
 
 
-def test_tells_that_a_second_server_has_replaced_the_key(sshd_lab, build):
-    key = sshd_lab.server.ssh / "base_slice_exchange.pub"
-    first = sshd_lab.server.start([build / "dorve-server"])
-    assert eventually(sshd_lab.server.listens)
-    first_key = key.read_text()
-    second = sshd_lab.server.start([build / "dorve-server"])
-    assert eventually(lambda: key.exists() and key.read_text() not in ("", first_key))
-    assert (sshd_lab.client.run([build / "dorve-client"]).status, first.wait().status) == (0, 0)
-    assert eventually(sshd_lab.server.listens)
-
-    outcome = doctor(sshd_lab.server, build)
-    assert bad_lines(outcome) == ["FAIL  login         172.20.10.2 refuses the key for root"]
-    assert first_fix(outcome) == "dorve-client  # on 172.20.10.2"
-    assert (run(sshd_lab.client, build, "dorve-client").status, second.wait().status) == (0, 0)
-    prove_login(sshd_lab.server)
+@pytest.mark.parametrize("reason, cause", [
+    ("Too many authentication failures", "ssh offers other keys first; IdentitiesOnly is not in force"),
+    ("Connection closed by 172.20.10.1 port 22", "sshd there ended the connection; its log says why"),
+    ("Connection reset by 172.20.10.1 port 22", "sshd there ended the connection; its log says why"),
+])
+def test_explains_what_ssh_reports(sshd_lab, build, reason, cause):
+    pair(sshd_lab, build)
+    fake = f"#!/bin/sh\n[ $1 = -G ] && exec /run/ssh \"$@\"\necho {reason} >&2; exit 255\n"
+    sshd_lab.client.path("/run/fake").write_text(fake)
+    sshd_lab.client.check("cp /usr/bin/ssh /run; chmod +x /run/fake; mount --bind /run/fake /usr/bin/ssh")
+    assert f"FAIL  login         {reason}\n      why  {cause}\n" in doctor(sshd_lab.client, build).out
 
 
 ADD_USER = """
@@ -346,7 +355,6 @@ def test_guesses_no_role(lab, build):
     assert outcome.out.startswith("warn  role          client or server?\n"
                                   "      why  neither 172.20.10.1 nor 172.20.10.2 is on an interface\n"
                                   "      fix  dorve-doctor server  # or: dorve-doctor client\n")
-    assert outcome.out.endswith(" failed. First: dorve-doctor server  # or: dorve-doctor client\n")
 
 
 # What breaks, and a line that the doctor then prints.
@@ -385,8 +393,6 @@ def test_opens_nothing_for_writing(sshd_lab, build):
 def test_prints_json_for_scripts(lab, build):
     outcome = run(lab.server, build, "dorve-doctor --json --timeout 1 | cat")
     checks = [json.loads(line) for line in outcome.out.splitlines()]
-    assert checks[0] == {"check": "role", "verdict": "ok", "found": "server: bsab has 172.20.10.1", "cause": "",
-                         "command": ""}
     assert {"check": "sshd", "verdict": "FAIL", "found": "nothing listens on port 22 of 172.20.10.1",
             "cause": "without sshd the other device cannot log in here",
             "command": "mkdir -p /run/sshd && /usr/sbin/sshd"} in checks
@@ -394,8 +400,7 @@ def test_prints_json_for_scripts(lab, build):
 
 def test_colours_and_cuts_what_a_terminal_shows(lab, build):
     outcome = lab.client.run(f"script -qc 'stty cols 30; {build}/dorve-doctor --timeout 1' /dev/null")
-    assert outcome.out.splitlines()[:2] == ["\033[32mok\033[0m    role          client:...",
-                                            "\033[32mok\033[0m    interface     bsab is up"]
+    assert outcome.out.splitlines()[0] == "\033[32mok\033[0m    role          client:..."
 
 
 def test_prints_utf8_only(lab, build):

@@ -5,7 +5,7 @@
 #include "dorve/client/dorve_client.h"
 #include "dorve/keys/key_material.h"
 #include "dorve/keys/ssh_files.h"
-#include "dorve/protocol/endpoints.h"
+#include "dorve/net/endpoints.h"
 
 namespace dorve {
 

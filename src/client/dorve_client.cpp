@@ -7,7 +7,7 @@
 
 #include "dorve/keys/key_material.h"
 #include "dorve/keys/ssh_files.h"
-#include "dorve/protocol/endpoints.h"
+#include "dorve/net/endpoints.h"
 #include "dorve/protocol/request_id_generator.h"
 #include "dorve/util/sleep.h"
 

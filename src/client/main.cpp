@@ -4,7 +4,7 @@
 
 #include "dorve/client/dorve_client.h"
 #include "dorve/client/ssh_directory.h"
-#include "dorve/protocol/endpoints.h"
+#include "dorve/net/endpoints.h"
 
 // A socket exception from `start` is not caught: if the connection can't be set up, the process aborts.
 int main() {

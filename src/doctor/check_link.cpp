@@ -5,7 +5,7 @@
 #include "dorve/doctor/checks.h"
 #include "dorve/doctor/ports.h"
 #include "dorve/doctor/text.h"
-#include "dorve/protocol/endpoints.h"
+#include "dorve/net/endpoints.h"
 
 namespace dorve {
 namespace {
@@ -184,7 +184,7 @@ void checkPort(const Situation& situation, Report& report) {
 
 bool checkPeer(const Situation& situation, Report& report) {
   const std::vector<PortState> states =
-      probePorts(situation.peerAddress, {kSshPort, kPort}, situation.answerMs());
+      probePorts(situation.peerAddress, {kSshPort, kPort}, situation.probeMs());
   const PortState ssh = states.front();
   if (ssh == PortState::NO_ROUTE) {
     report.add({Verdict::FAIL, "peer", "this device has no route to " + situation.peerAddress,

@@ -13,11 +13,12 @@
 #include "dorve/doctor/settings.h"
 #include "dorve/doctor/text.h"
 #include "dorve/keys/key_material.h"
+#include "dorve/protocol/messages.h"
 
 namespace dorve {
 namespace {
 
-constexpr std::size_t kMaxKeyLine = 4095;  // bytes; the protocol's limit for a key
+constexpr std::size_t kMaxKeyLine = kPublicKeyCapacity - 1;  // bytes of a key that a message can hold
 
 std::vector<std::string> pairingLines(const Situation& situation) {
   std::vector<std::string> lines = split(readRegularFile(situation.authorizedKeys), "\n");

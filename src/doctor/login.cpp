@@ -35,9 +35,6 @@ struct Explanation {
 };
 constexpr Explanation kExplanations[] = {
     {"banner exchange", "a program there accepts connections on port 22, but is no sshd"},
-    {"No route to host", "nobody answers for the address, or a firewall rejects port 22"},
-    {"Connection refused", "no sshd listens on port 22 there"},
-    {"timed out", "a firewall there drops packets to port 22, or the device is busy"},
     {"Host key verification failed", "ssh checks host keys, and does not know this one"},
     {"host key is known", "ssh checks host keys, and does not know this one"},
     {"Too many authentication failures", "ssh offers other keys first; IdentitiesOnly is not in force"},

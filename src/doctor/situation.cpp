@@ -11,7 +11,7 @@
 #include "dorve/doctor/settings.h"
 #include "dorve/doctor/text.h"
 #include "dorve/keys/key_material.h"
-#include "dorve/protocol/endpoints.h"
+#include "dorve/net/endpoints.h"
 
 namespace dorve {
 namespace {
@@ -80,7 +80,7 @@ int Situation::commandMs() const {
   return std::min(remainingMs(), std::max(kCommandMs, timeoutMs));
 }
 
-int Situation::answerMs() const {
+int Situation::probeMs() const {
   return std::min(remainingMs(), timeoutMs);
 }
 

@@ -17,7 +17,6 @@
 namespace dorve {
 namespace {
 
-constexpr std::size_t kMacSize = 32;
 constexpr std::size_t kTokenLength = 2 * kMacSize;
 
 }  // namespace

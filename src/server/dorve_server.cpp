@@ -6,7 +6,7 @@
 
 #include "dorve/keys/key_material.h"
 #include "dorve/keys/ssh_files.h"
-#include "dorve/protocol/endpoints.h"
+#include "dorve/net/endpoints.h"
 #include "dorve/protocol/session_token.h"
 #include "dorve/util/report_error.h"
 
@@ -59,7 +59,7 @@ bool DorveServer::start() {
     listener.listen(kBacklog);
     // The first HMAC makes libcrypto load its code.
     // Doing this before a client connects shortens the first response.
-    unsigned char mac[32];
+    unsigned char mac[kMacSize];
     SessionToken::hmacSha256("", 0, "", 0, mac);
     NqSocket client = listener.accept();
     client.setTimeout(kClientTimeoutMs);

@@ -5,7 +5,7 @@
 #include <iostream>
 
 #include "dorve/client/ssh_directory.h"
-#include "dorve/protocol/endpoints.h"
+#include "dorve/net/endpoints.h"
 #include "dorve/server/dorve_server.h"
 
 int main() {

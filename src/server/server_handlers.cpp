@@ -2,7 +2,7 @@
 // The server's five handlers. Each carries out one type of request and returns its whole response.
 #include <cstdio>
 
-#include "dorve/protocol/endpoints.h"
+#include "dorve/net/endpoints.h"
 #include "dorve/protocol/session_token.h"
 #include "dorve/server/dorve_server.h"
 

@@ -52,9 +52,9 @@ struct Situation {
   /// 4 seconds or `timeoutMs`, whichever is longer, but no longer than `remainingMs`.
   int commandMs() const;
 
-  /// The timeout in milliseconds for a response of the other device from now:
+  /// The timeout in milliseconds for a probe that starts now:
   /// `timeoutMs`, but no longer than `remainingMs`.
-  int answerMs() const;
+  int probeMs() const;
 
   /// The interface of the link; null if there is none. On the client, it is the interface named bsab.
   /// On the server, it is the one with the server's address, else the one named bsab.

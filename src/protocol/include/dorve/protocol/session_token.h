@@ -10,6 +10,7 @@
 namespace dorve {
 
 constexpr std::uint64_t kTokenLifetimeUs = 3'600'000'000;  // one hour
+constexpr std::size_t kMacSize = 32;                       // bytes of an HMAC-SHA256
 
 /// A session token is the HMAC-SHA256 (RFC 2104) of a random block, as 64 lower-case hexadecimal digits.
 /// It expires at a wall-clock time, in microseconds since 1970-01-01 00:00 UTC.
@@ -20,7 +21,8 @@ class SessionToken {
   /// Throws what std::random_device throws if the system has no random device.
   static std::string generate(const void* key, std::size_t keyLength);
 
-  /// Writes the HMAC-SHA256 of `data`, 32 bytes, to `output`. Returns `output`, or null if libcrypto fails.
+  /// Writes the HMAC-SHA256 of `data`, `kMacSize` bytes, to `output`. Returns `output`, or null if libcrypto
+  /// fails.
   static unsigned char* hmacSha256(const void* key, std::size_t keyLength, const void* data,
                                    std::size_t dataLength, unsigned char* output);
 

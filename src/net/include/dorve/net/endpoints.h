@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef DORVE_PROTOCOL_ENDPOINTS_H_
-#define DORVE_PROTOCOL_ENDPOINTS_H_
+#ifndef DORVE_NET_ENDPOINTS_H_
+#define DORVE_NET_ENDPOINTS_H_
 
 #include <cstdint>
 
@@ -16,4 +16,4 @@ constexpr const char* kLinkInterface = "bsab";
 
 }  // namespace dorve
 
-#endif  // DORVE_PROTOCOL_ENDPOINTS_H_
+#endif  // DORVE_NET_ENDPOINTS_H_

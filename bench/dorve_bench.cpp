@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Benchmarks of checksums, messages, requests, the response cache and the edit of a file.
-// Checksums, requests and edits are compared with zlib, a bare echo and grep.
-// Run this program on one CPU. A request then costs the work of both ends and two context switches.
-// With two CPUs, it would also cost the wake-up of an idle CPU, which takes far longer.
+// docs/performance.md describes them, and says why this program should run on one CPU.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <malloc.h>
@@ -75,7 +73,7 @@ void serve(int descriptor, const std::atomic<bool>& done) {
   while (!done) server->processRequest(socket);
 }
 
-/// Sends as many bytes as a response has for each request, without any other work.
+/// For each request, sends as many bytes as its response has, and does no other work.
 template <typename Request, typename Response>
 void echo(int descriptor, const std::atomic<bool>& /*done*/) {
   const NqSocket owner(descriptor);

@@ -3,8 +3,8 @@
 // Each event is a line "NANOSECONDS EVENT". The time is that of the steady clock, which all lab hosts share.
 // The events `start` and `exit STATUS` are always printed.
 //
-// OPTIONS is one word of these letters. Do not combine l with a or c.
-//   0, 1  Run the program and its children only on the CPU with this number: hosts have CPUs of their own.
+// OPTIONS is one word of these characters, or - for none. Do not combine l with a or c.
+//   0, 1  Run the program and its children only on the CPU with this number, so each host can have its own.
 //   l     Print `line TEXT` for each line on the program's standard output, which otherwise is /dev/null.
 //   a     Print `accepting` as soon as the program sleeps in accept(2).
 //   c     Print `cost KIB FAULTS CALLS`: peak resident memory, page faults and system calls.
@@ -40,7 +40,7 @@ std::string processFile(pid_t process, const char* name) {
 }
 
 bool isAccepting(pid_t child) {
-  int call = -1;  // 0 after the extraction if the file contains "running"; that is not accept
+  int call = -1;  // becomes 0, which is not accept, if the file contains "running"
   std::ifstream(processFile(child, "syscall")) >> call;
   return call == SYS_accept || call == SYS_accept4;
 }
@@ -69,8 +69,8 @@ void printLines(int output) {
   }
 }
 
-/// Waits until the child ends and prints its events. If `waitForAccept`, first polls until it sleeps in
-/// accept(2).
+/// Waits until the child ends, and prints its events.
+/// If `waitForAccept` is true, first polls until the child sleeps in accept(2).
 void follow(pid_t child, bool waitForAccept) {
   unsigned long callStops = 0;
   for (;;) {

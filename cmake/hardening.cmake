@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# Warnings and hardening for every build: stack protector, full RELRO with immediate binding, fortified libc calls.
+# Warnings and hardening for every build: a stack protector, and full RELRO with immediate binding.
 # The main CMakeLists.txt adds position-independent code.
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion)
 add_compile_options(-fstack-protector-strong -ffile-prefix-map=${CMAKE_SOURCE_DIR}=.)

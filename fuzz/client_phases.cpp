@@ -52,7 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::size_t length = fromWire<MessageHeader>(peer.messages).length;
     check(length <= good.size() && beginsWith(peer.messages, 2 * phase + 1, length),
           "the client accepts only valid responses");
-    // A response may be shorter than its record. The client then takes the missing bytes as zero.
+    // A response may be shorter than its record. The missing bytes are then zero.
     const std::string response = peer.messages.substr(0, length) + std::string(good.size(), '\0');
     check(std::string(response.c_str() + offset) == good.c_str() + offset,
           "a phase succeeds only if the response says so");

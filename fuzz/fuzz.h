@@ -15,7 +15,7 @@
 #include "dorve/net/nq_socket.h"
 #include "dorve/protocol/messages.h"
 
-/// Functions that all fuzz targets use.
+/// Functions and types for the fuzz targets.
 /// FuzzedDataProvider reads texts from the start of an input and numbers from the end.
 namespace dorve {
 

@@ -49,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       ++kind;
     check(kind < std::size(kResponses), "each response is complete and valid");
     const ResponseLayout& layout = kResponses[kind];
-    check(responses[layout.size - 1] == 0, "the last byte of a response is reserved");
+    check(responses[layout.size - 1] == 0, "the reserved last byte of a response is 0");
     for (const std::size_t end : layout.textEnds) {
       check(end == 0 || responses[end - 1] == 0, "a text field ends with a NUL");
     }

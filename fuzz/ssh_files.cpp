@@ -23,8 +23,8 @@ const std::vector<std::string> dorve::kSeeds = {
     "\\\n172.20.10.1 C\nno end\1\1a", "\\\n# Host 172.20.10.1\nHost x\xFF\1b",
     "\\\n\n\nHost 172.20.10.3\n  User y\n\4\xF0z"};
 
-/// The most bytes that a write can store. The first write that exceeds this stores only so many bytes and
-/// removes the limit, so that the edit can restore the file.
+/// The largest number of bytes that a write can store. The first larger write stores only this many bytes
+/// and removes the limit, so that the edit can restore the file.
 static constexpr std::size_t kUnlimited = SIZE_MAX;
 static std::size_t freeBytes = kUnlimited;
 
@@ -39,8 +39,8 @@ ssize_t limitedWrite(int descriptor, const void* data, std::size_t size, off_t o
   return realWrite(descriptor, data, stored, offset);
 }
 
-/// The text that an edit must give: all lines without `marker`, unchanged and in order, and then the entry.
-/// A blank line separates them.
+/// The text that an edit must give: all lines that are not empty and lack `marker`, in order, and the entry.
+/// A blank line separates the entry from these lines.
 static std::string withEntry(const std::string& text, const std::string& marker, const std::string& entry) {
   std::istringstream lines(text);
   std::string kept;

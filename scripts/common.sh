@@ -33,7 +33,7 @@ fault_packages=(strace time)
 # shellcheck disable=SC2034
 bench_packages=(libbenchmark-dev zlib1g-dev sshpass gnuplot-nox)
 
-# A command prefix. It runs the command as the user who called sudo, if that user owns the checkout. Else it is empty.
+# A command prefix. It runs a command as the caller of sudo, if that user owns the checkout. Otherwise it is empty.
 as_caller=()
 if ((EUID == 0)) && [[ ${SUDO_UID:-0} != 0 && $(stat -c %u "$checkout") == "$SUDO_UID" ]]; then
   as_caller=(setpriv --reuid "$SUDO_UID" --regid "$SUDO_GID" --init-groups
@@ -45,7 +45,7 @@ if [[ -t 1 ]]; then
   bold=$'\e[1m' plain=$'\e[0m'
 fi
 
-# heading TEXT...
+# heading TEXT...: prints a heading.
 heading() {
   printf '\n%s== %s%s\n' "$bold" "$*" "$plain"
 }
@@ -56,8 +56,8 @@ fail() {
   exit 1
 }
 
-# require_root ARGUMENT...: exits unless it runs as root, and prints the command to type.
-# It takes the script's own arguments.
+# require_root ARGUMENT...: unless the script runs as root, prints the command to type and exits.
+# The ARGUMENTs are those of the script.
 require_root() {
   if ((EUID != 0)); then
     printf '%s needs root, type: sudo%s\n' "${0##*/}" "$(printf ' %q' "$0" "$@")" >&2
@@ -72,8 +72,8 @@ return_build() {
   fi
 }
 
-# leave_root ARGUMENT...: restarts the script as the caller of sudo. It takes the script's own arguments.
-# It is for scripts that need root only to install packages.
+# leave_root ARGUMENT...: restarts the script as the caller of sudo, if that user owns the checkout. The ARGUMENTs are
+# those of the script. It is for scripts that need root only to install packages.
 leave_root() {
   if [[ ${as_caller[*]} ]]; then
     return_build
@@ -81,7 +81,7 @@ leave_root() {
   fi
 }
 
-# quietly WHAT COMMAND...: shows the command's output only if the command fails. WHAT names it in the error message.
+# quietly WHAT COMMAND...: runs the command. If it fails, shows its output and a message with its name WHAT, and exits.
 quietly() {
   local what=$1 output
   shift
@@ -91,7 +91,7 @@ quietly() {
   }
 }
 
-# Prevents installations from starting services until allow_services, unless the machine already has a policy.
+# Prevents installations from starting services until allow_services is called, unless the machine has a policy already.
 # A background process removes the policy when its pipe closes. This shell and apt-get hold the pipe open, so the policy
 # is removed even after this shell is killed, but not while apt-get still runs.
 forbid_services() {
@@ -112,7 +112,8 @@ allow_services() {
   fi
 }
 
-# install_missing PACKAGE...: no other function installs packages. It does not change an sshd that was already there.
+# install_missing PACKAGE...: installs the missing ones of these packages. No other function installs packages.
+# If sshd is already installed, its service stays as it is.
 install_missing() {
   local package missing=() had_sshd='' policy_pipe policy_remover
   for package in "$@"; do

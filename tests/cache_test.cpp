@@ -47,13 +47,13 @@ TEST_F(Cache, CountsHitsAndStampsEachAccess) {
   EXPECT_EQ(response("a"), "first");
   entry.lastAccessUs = 0;
   store("a", "second");
-  EXPECT_GE(entry.lastAccessUs, entry.createdUs) << "a repeated store is no access";
+  EXPECT_GE(entry.lastAccessUs, entry.createdUs) << "a repeated store did not count as an access";
   entry.lastAccessUs = 0;
   cache.lookup("a");
-  EXPECT_GE(entry.lastAccessUs, entry.createdUs) << "a lookup is no access";
+  EXPECT_GE(entry.lastAccessUs, entry.createdUs) << "a lookup did not count as an access";
   entry.lastAccessUs = 1;
   store("b", "");
-  EXPECT_EQ(cache.findLruIndex(), 0u) << "a new entry counts as accessed";
+  EXPECT_EQ(cache.findLruIndex(), 0u) << "the new entry did not count as accessed";
 }
 
 TEST_F(Cache, FreesWhatWasStoredBeforeACutoffAndFindsTheLeastRecentlyUsed) {

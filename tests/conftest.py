@@ -32,7 +32,7 @@ def build(request):
 
 @pytest.fixture
 def tampered(build):
-    """The command line of a program with system calls that strace changes by one of its `inject` rules."""
+    """The command line that runs a program under strace, which changes system calls by an `inject` rule."""
     # LeakSanitizer would fail, because it cannot trace a program that strace traces.
     def command(program, rule):
         return ["strace", "-qq", "-o", "/dev/null", "-E", "ASAN_OPTIONS=detect_leaks=0", "-e", f"inject={rule}",

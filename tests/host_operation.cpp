@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // host-operation NAME [ARGUMENT...]: one operation that acts on a whole machine, for the tests to run on a
-// lab host. It refuses anywhere else: it ends processes, starts a daemon and mounts.
+// lab host. It runs only there, because it ends processes, starts a daemon and mounts a file system.
 #include <sys/stat.h>
 
 #include <cstdlib>

@@ -169,7 +169,7 @@ TEST_F(Keys, AFileThatMayNotBeReadCountsAsEmpty) {
     calls = {.watched = true, .failing = 0, .error = EACCES};
     edit.run();
     calls.watched = false;
-    const std::string kept = edit.file == "/config" ? foreign : "";  // the one that is only appended to
+    const std::string kept = edit.file == "/config" ? foreign : "";  // edits only append to config
     EXPECT_EQ(text(edit.file), kept + edit.after) << edit.file;
   }
 }
@@ -203,7 +203,7 @@ TEST_F(Keys, RegenerateMakesAFreshPairOrNone) {
   EXPECT_EQ(regenerateKeys(dir, "k"), "") << "a key, although ssh-keygen made none";
 }
 
-TEST_F(Keys, KeysAreHashedAsHeldAndJudgedByStartAndLength) {
+TEST_F(Keys, KeysAreHashedWithTheirNewlineAndCheckedByStartAndLength) {
   EXPECT_EQ(calculateKeyHash("k\n"), "19732980d68fbd00358a0a4d98246c960400b87e4fa2a2e155db98be2b42ed6c");
   EXPECT_TRUE(validateKeyFormat("ssh-" + std::string(97, 'x')));
   EXPECT_FALSE(validateKeyFormat("ssh-" + std::string(96, 'x'))) << "100 characters";

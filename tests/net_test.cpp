@@ -42,7 +42,7 @@ struct Socket : testing::Test {
   ~Socket() override { sendLimit = SIZE_MAX; }
 };
 
-/// What a failing call throws.
+/// The text of the exception that a call throws.
 template <typename Call>
 std::string failure(Call call) {
   try {

@@ -76,7 +76,7 @@ TEST(Version, IsTheNewestThatBothSidesList) {
   EXPECT_EQ(table.findCommonVersion("2.0"), "");
   EXPECT_EQ(table.findCommonVersion("1.9, 1.10 ,2.0,1.0"), "1.10");
   EXPECT_EQ(table.findCommonVersion("DORVE/1.0,1.0"), "DORVE/1.0") << "the first of equal ones";
-  EXPECT_EQ(table.findCommonVersion("x,1.0"), "x") << "nothing is newer than what has no number";
+  EXPECT_EQ(table.findCommonVersion("x,1.0"), "x") << "no version is newer than an invalid one";
   EXPECT_EQ(VersionTable().findCommonVersion("1.1,1.0 "), "1.0");
 }
 
@@ -105,7 +105,7 @@ TEST(SessionToken, IsTheMacOfARandomBlock) {
   unsigned char mac[32] = {};
   EXPECT_EQ(SessionToken::hmacSha256("Jefe", 4, data.data(), data.size(), mac), mac);
   EXPECT_EQ(hex(mac, 32), "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
-  // From other implementations of the generator (checked by its 10000th value) and of the MAC.
+  // From other implementations of mt19937_64 (checked by its 10000th value) and of HMAC-SHA256.
   EXPECT_EQ(TestAccess::token(1, "k"), "f4cc429f021b6f540e08547527fd2b5483ad9020a0b65c556b20f63d7c8a47b5");
   EXPECT_NE(SessionToken::generate("k", 1), SessionToken::generate("k", 1));
 }

@@ -41,10 +41,6 @@ struct TestAccess {
     unsigned long received = 0;
     return client.receiveResponse(buffer, sizeof buffer, &received, timeoutMs);
   }
-
-  static void transition(DorveClient& client, int state) {
-    client.transitionTo(static_cast<ClientState>(state));
-  }
 };
 
 }  // namespace dorve

@@ -106,7 +106,7 @@ def start(host, program, *faults):
 
 
 def calls(host):
-    """The calls of the last traced program that concern its sockets, its pauses and our files."""
+    """The calls of the last traced program that concern sockets, pauses, ssh-keygen, SSH files and the interface."""
     wanted = re.compile(r'.*<socket:|clock_nanosleep|wait4|\w+\((AT_FDCWD<.*>, )?"/(root/\.ssh|sys/class/net/)')
     lines = filter(wanted.match, host.path("/root/trace").read_text().splitlines())
     text = "".join(f"{simplify(line)}\n" for line in lines)

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: MIT
 """Operations that act on a whole machine: the restart of sshd, and mounts.
 
-They run on a lab host, which has its own processes, mounts, /run and kernel log; the tool that runs them refuses
-anywhere else."""
+They run on a lab host, which has its own processes, mounts, /run and kernel log. The tool that runs them refuses to
+run anywhere else."""
 
 import re
 
@@ -66,7 +66,7 @@ def test_restart_starts_sshd_and_ends_only_an_old_sshd(server, operation):
 
 
 def test_termination_is_polite_first_and_waits_in_growing_steps(server, operation):
-    # No signal arrives. LeakSanitizer does not work under strace.
+    # strace makes kill(2) succeed without a signal. LeakSanitizer does not work under strace.
     _, stubborn = start(server, "sleep")
     waiting = server.start(["strace", "-qqq", "-ttt", "-o", "/root/trace", "-E", "ASAN_OPTIONS=detect_leaks=0",
                             "-e", "trace=kill,clock_nanosleep,exit_group", "-e", "inject=kill:retval=0",

@@ -33,7 +33,7 @@ def connection(lab, server):
 
 @pytest.fixture
 def ask(connection):
-    """Sends a message, or one of this record and these fields, and returns the response."""
+    """Sends a message, or builds it from a record's name and fields, and returns the response."""
     def request(message, **fields):
         connection.sendall(wire.build(message, **fields) if isinstance(message, str) else message)
         response = wire.receive(connection)
@@ -113,7 +113,7 @@ def test_drops_invalid_messages(server, connection, ask):
         connection.sendall(message)
         assert eventually(lambda: server.err == "Error\n" * count), (message, server.err)
 
-    # The server ignored these messages. It still serves the connection, also messages of other sizes and in pieces.
+    # The server dropped these messages and still serves the connection. It accepts other sizes, and messages in pieces.
     fields = {"request_id": "unsound", "supported_versions": "1.0"}
     assert wire.read(ask("VersionQuery", **fields))["selected_version"] == "1.0"
     assert wire.read(ask("VersionQuery", request_id="short", size=192))["selected_version"] == ""

@@ -73,7 +73,7 @@ def test_a_pairing_is_dissected_as_documented(lab, build, tmp_path):
         return [line.split("\t") for line in lines]
 
     for host in lab.hosts:
-        host.check("ip link set bsab gso_max_segs 1")  # the link cuts what does not fit in a packet
+        host.check("ip link set bsab gso_max_segs 1")  # the link splits what does not fit in a packet
     with lab.client.capture(capture):
         lab.pair(build)
     live = Example(example())

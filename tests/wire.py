@@ -2,7 +2,7 @@
 """The messages of the protocol, for scripted peers. Their layout is read from the tables of docs/protocol.md, so that
 scripted peers do not share a mistake with the programs.
 
-A message is bytes. Its fields are a dict with the names of the tables; texts are strings without the NULs at their end.
+A message is bytes. Its fields are a dict by the names in the tables. Texts are strings without the NULs at their end.
 The `reserved` of the header is called `header_reserved`, because bodies also have a `reserved`."""
 
 import pathlib
@@ -17,7 +17,7 @@ _INTEGERS = {1: "B", 2: "H", 4: "I", 8: "Q"}
 
 
 class Table:
-    """One byte table of the document: the names and struct formats of its fields, and the values that it fixes."""
+    """A byte table of the document: the names and struct formats of its fields, and the values that it fixes."""
 
     def __init__(self, section, start=0):
         self.names, self.format, self.fixed = [], "", {}

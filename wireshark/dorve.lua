@@ -13,7 +13,8 @@ local MAX_SIZE = 8192 -- of a message that a receiver reads, in bytes
 
 local dorve = Proto("dorve", "DORVE")
 
--- The kinds of fields, as functions that declare one. TEXT ends at its first NUL. TIME is in microseconds since 1970.
+-- The kinds of fields. Each function declares a field of its kind. TEXT ends at its first NUL. TIME is in microseconds
+-- since 1970.
 local function TEXT(abbreviation, name) return ProtoField.string(abbreviation, name) end
 local function U8(abbreviation, name) return ProtoField.uint8(abbreviation, name) end
 local function U16(abbreviation, name) return ProtoField.uint16(abbreviation, name, base.HEX) end
@@ -93,8 +94,8 @@ declare_expert("bad_version", "PROTOCOL", "ERROR", "Unknown version: receivers r
 declare_expert("bad_type", "MALFORMED", "ERROR", "Unknown type")
 declare_expert("bad_length", "MALFORMED", "ERROR", "Invalid length")
 declare_expert("bad_checksum", "CHECKSUM", "ERROR", "Wrong checksum")
-declare_expert("short", "MALFORMED", "WARN", "Shorter than its record: receivers take the missing bytes as zero")
-declare_expert("long", "MALFORMED", "WARN", "Longer than its record: the server ignores the rest, clients reject it")
+declare_expert("short", "MALFORMED", "WARN", "Shorter than its record: receivers treat the missing bytes as zero")
+declare_expert("long", "MALFORMED", "WARN", "Longer than its record: only the server accepts it, and ignores the rest")
 declare_expert("unterminated", "MALFORMED", "WARN", "Text without NUL: receivers read to the end of the field")
 declare_expert("not_zero", "PROTOCOL", "NOTE", "Reserved but not zero: receivers ignore it")
 dorve.experts = experts
@@ -167,8 +168,8 @@ end
 
 local stream_of = Field.new("tcp.stream")
 
--- Links a request and its response by their id alone: for an id that it knows, the server repeats its first response,
--- even if the request has another type.
+-- Matches a request and its response by their id alone. If the server knows the id of a request, it repeats its first
+-- response to that id, even if the request has another type.
 local function link(tree, pinfo, is_request, id)
   local key = stream_of().value .. " " .. id
   local message = pinfo.number .. (is_request and " request " or " response ") .. id
@@ -229,7 +230,7 @@ local function dissect_message(tvb, pinfo, root)
     local rest = tree:add(message(offset), string.format("%d bytes after the last field", message:len() - offset))
     mark("long", record ~= UNKNOWN and offset == record.size, rest)
   end
-  -- Only messages that a receiver accepts are requests or responses.
+  -- Messages with a wrong checksum or an unknown type are left out, because every receiver rejects them.
   if good and record ~= UNKNOWN then link(tree, pinfo, type % 2 == 0, id) end
   return message:len()
 end

@@ -86,7 +86,7 @@ bool DorveClient::phaseExchangeKeys() {
                               .badHeaderCode = kBadResponse};
   if (!roundTrip(request, response, kRules)) return false;
 
-  // The client does not check the key and the token.
+  // The client checks neither the key nor the token.
   // The next phase asks the server whether both sides hold the same keys.
   writeText(peerPublicKey, readText(response.public_key));
   writeText(sessionToken, readText(response.session_token));
@@ -126,7 +126,7 @@ bool DorveClient::phaseVerifyKeys() {
 bool DorveClient::phaseInstallKeys() {
   beginPhase(3, "Phase 3: INSTALL_KEYS");
   transitionTo(ClientState::INSTALL_KEYS_SENDING);
-  // The client installs first. If the server then fails, this stays: the next run replaces it.
+  // The client installs first. If the server then fails, its key stays until the next run replaces it.
   if (!installKeysLocally()) {
     std::cerr << "Local key installation failed" << std::endl;
     transitionToError(kInstallationFailed);
@@ -170,7 +170,7 @@ bool DorveClient::phaseConfirm() {
 
   const std::string_view status = readText(response.status);
   if (status != kStatusComplete) {
-    // The client does not enter ERROR here: both sides have installed, and only the confirmation failed.
+    // The client does not enter ERROR here: both sides have installed the keys, and only this phase failed.
     std::cerr << "Confirmation failed: " << status << std::endl;
     return false;
   }

@@ -47,7 +47,7 @@ bool DorveClient::receiveResponse(void* buffer, unsigned long capacity, unsigned
       std::cerr << "Connection closed by server" << std::endl;
       return false;
     }
-    // Fewer bytes than a header have no length field. The caller's checks reject them.
+    // A first read shorter than a header is not completed: it goes to the caller's checks as it is.
     if (size >= kHeaderSize) {
       const std::uint32_t length = lengthOf(bytes);
       if (length > capacity) {

@@ -125,12 +125,12 @@ std::optional<Check> judgeModes(const std::string& name, const std::string& path
     const std::string command = "chmod go-w " + shellWord(place);
     return Check{Verdict::FAIL, name,
                  place + " may be written by others (mode " + octal(status.st_mode) + ")",
-                 "sshd ignores keys that others could have written",
+                 "ssh and sshd reject files that others could have written",
                  status.st_uid == situation.userId ? command : situation.asRoot(command)};
   }
   return Check{Verdict::FAIL, name,
                place + " belongs to " + userName(status.st_uid) + ", not to " + situation.user,
-               "sshd ignores keys in a directory that belongs to another user",
+               "ssh and sshd reject files and directories of other users",
                situation.asRoot("chown " + shellWord(situation.user) + ": " + shellWord(place))};
 }
 
@@ -161,7 +161,7 @@ Check judgePath(const Situation& situation) {
   const std::string skipped = skippedCandidates(path);
   if (!isPlainWord(path)) {
     return {Verdict::FAIL, "ssh-dir", path + " holds a blank or a special character",
-            "a shell gets this path, and ssh-keygen then creates no key",
+            "the programs pass this path to a shell, so ssh-keygen creates no key",
             isPlainWord(own) ? "export HOME=" + situation.home
                              : situation.asRoot("usermod --home /home/" + situation.user + " --move-home " +
                                                 situation.user)};
@@ -180,8 +180,8 @@ Check judgeOwner(const Situation& situation) {
   if (auto check = judgeFlags("ssh-dir-modes", situation.sshDir, situation)) return *check;
   struct stat status = {};
   stat(situation.sshDir.c_str(), &status);
-  // Root may write to another user's directory.
-  // The programs set the mode of a directory that their user owns.
+  // The programs set the mode of the directory if their user owns it, and root may write to any directory.
+  // So only an ordinary user who does not own the directory has a problem.
   if (!situation.isRoot() && status.st_uid != situation.userId) {
     return {Verdict::FAIL, "ssh-dir-modes", situation.sshDir + " belongs to " + userName(status.st_uid),
             "the programs run as " + situation.user + " and cannot write there",
@@ -210,14 +210,14 @@ Check judgeSpace(const Situation& situation) {
     return {
         Verdict::FAIL, "ssh-dir-space",
         "the file system of " + path + (noFiles ? " can hold no more files" : " is full"),
-        "the programs cannot store a key; delete what this command finds",
+        "the programs cannot store a key; this command lists the largest files",
         situation.asRoot("du -xah \"$(findmnt -n -o TARGET -T " + shellWord(path) + ")\" | sort -h | tail")};
   }
   return {Verdict::OK, "ssh-dir-space", std::to_string(bytes / 1024) + " KiB free"};
 }
 
-/// Checks a file that the programs read and, if `mode` is W_OK, also edit.
-/// ssh and sshd must accept its owner and mode too.
+/// Checks that a file is regular and readable, and that its chattr(1) flags let the programs change it.
+/// If `mode` is W_OK, also checks that it is writable, and that ssh and sshd accept its owner and mode.
 std::optional<Check> judgeFile(const std::string& path, int mode, const Situation& situation) {
   struct stat status = {};
   if (stat(path.c_str(), &status) != 0) {
@@ -236,7 +236,7 @@ std::optional<Check> judgeFile(const std::string& path, int mode, const Situatio
   if (faccessat(AT_FDCWD, path.c_str(), R_OK | mode, AT_EACCESS) != 0) {
     const bool own = status.st_uid == situation.userId;
     return Check{Verdict::FAIL, "ssh-files", path + ": " + std::strerror(errno),
-                 "the programs must read and write this file",
+                 "the programs and ssh need access to this file",
                  own ? "chmod u+rw " + shellWord(path)
                      : situation.asRoot("chown " + situation.user + ": " + shellWord(path))};
   }
@@ -248,7 +248,7 @@ std::optional<Check> judgeFile(const std::string& path, int mode, const Situatio
 void checkDirectory(const Situation& situation, Report& report) {
   if (situation.user.empty()) {
     report.add({Verdict::FAIL, "user", "no name for user " + std::to_string(situation.userId),
-                "ssh works for users of the password database only",
+                "ssh works only for users in the password database",
                 "sudo useradd --create-home --uid " + std::to_string(situation.userId) + " dorve"});
   }
   if (situation.sshDir.empty()) {

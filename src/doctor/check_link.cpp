@@ -38,7 +38,7 @@ Check judgeInterface(const Situation& situation) {
   }
   const std::string found = link->name + " is " + link->state();
   if (!link->up) {
-    return {Verdict::FAIL, "interface", found, "nothing passes the link while it is down",
+    return {Verdict::FAIL, "interface", found, "no packets pass while the interface is down",
             situation.asRoot("ip link set dev " + link->name + " up")};
   }
   if (!link->carrier) {
@@ -60,7 +60,7 @@ Check judgeRoute(const Interface& link, const Interface::Address& own, const std
   }
   if (own.prefix > kPrefixBits) {
     return {Verdict::FAIL, "address", held + " is on " + link.name,
-            "the other device's address is outside its network", replace};
+            "the other device's address is outside this network", replace};
   }
   return {Verdict::FAIL, "address", "packets to " + situation.peerAddress + " do not leave over " + link.name,
           "another route or address takes precedence",
@@ -151,7 +151,7 @@ Check judgePeerPort(const Situation& situation, std::uint16_t port, PortState st
   const std::string place = "port " + std::to_string(port) + " of " + situation.peerAddress;
   if (state == PortState::OPEN) return {Verdict::OK, name, place + " is open"};
   return {Verdict::FAIL, name, place + (state == PortState::REJECTED ? " is rejected" : " does not answer"),
-          "the device is there, but a firewall here or there blocks the port",
+          "a firewall on this device or on the other one blocks the port",
           situation.onPeer(openFirewall(situation))};
 }
 
@@ -160,7 +160,8 @@ Check judgePeerServer(const Situation& situation, PortState state) {
   if (isPaired(situation)) return {Verdict::OK, "peer-8888", "not needed after a pairing"};
   if (state != PortState::REFUSED) return judgePeerPort(situation, kPort, state);
   return {Verdict::SKIP, "peer-8888", "no dorve-server waits on " + situation.peerAddress,
-          "it waits for 60 seconds only; start it, then dorve-client here", situation.onPeer("dorve-server")};
+          "dorve-server waits only 60 seconds; start it, then dorve-client here",
+          situation.onPeer("dorve-server")};
 }
 
 }  // namespace
@@ -197,7 +198,8 @@ bool checkPeer(const Situation& situation, Report& report) {
         return state == PortState::NO_NEIGHBOUR || state == PortState::SILENT;
       })) {
     report.add({Verdict::FAIL, "peer", situation.peerAddress + " does not answer on the link",
-                "it lacks the address, is cut off, or a firewall drops everything", situation.doctorThere()});
+                "no reachable device has this address, or a firewall drops all packets",
+                situation.doctorThere()});
     return false;
   }
   report.add({Verdict::OK, "peer", situation.peerAddress + " answers on the link"});

@@ -170,7 +170,7 @@ Check judgeConfig(const CommandResult& result, bool loginWorks, const Situation&
   }
   if (!loginWorks && readRegularFile(situation.config).find(situation.hostLine()) == std::string::npos) {
     return {Verdict::FAIL, kName, situation.config + " has no " + situation.hostLine(),
-            "the pairing did not end, or the block could not be stored", situation.pairAgain()};
+            "the pairing failed, or could not store the block", situation.pairAgain()};
   }
   const Settings settings(result.out);
   const std::vector<Setting> wrong = findOverridden(settings, situation);
@@ -195,7 +195,7 @@ std::optional<Check> judgeOtherBlock(const Situation& situation) {
   const std::vector<Setting> wrong = findOverridden(Settings(config.out), situation);
   if (wrong.empty()) return std::nullopt;
   return Check{Verdict::WARN, "ssh-config", "config already contains " + situation.hostLine(),
-               "so a pairing adds no block", preferCommand(wrong, situation)};
+               "the pairing then adds no block", preferCommand(wrong, situation)};
 }
 
 }  // namespace

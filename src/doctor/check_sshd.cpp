@@ -40,8 +40,8 @@ std::string configureFirst(const Situation& situation, const std::string& line) 
 }
 
 /// The command that applies a line only to this user's logins from the other device.
-/// sshd uses a setting of the first matching block that has it, so sshd reads a file with this block first.
-/// The end of that file ends the block.
+/// It writes a Match block to a file of its own, because the end of a file ends its last block.
+/// Then it makes sshd read this file first.
 std::string configure(const Situation& situation, const std::string& line) {
   return "printf 'Match User " + situation.user + " Address " + situation.peerAddress + "\\n    " + line +
          "\\n' >>" + kOwnConfig + " && " + configureFirst(situation, std::string("Include ") + kOwnConfig);
@@ -155,7 +155,7 @@ std::optional<Check> judgeSettings(const Settings& settings, const Situation& si
   if (!methods.empty() && std::ranges::none_of(methods, [](const std::string& method) {
         return method == "any" || method == "publickey";
       })) {
-    return refused("AuthenticationMethods " + methods.front(), "sshd wants more than a key",
+    return refused("AuthenticationMethods " + methods.front(), "sshd requires more than a key",
                    "AuthenticationMethods any");
   }
   const std::vector<std::string> algorithms = split(settings.first("pubkeyacceptedalgorithms"), ",");
@@ -167,7 +167,7 @@ std::optional<Check> judgeSettings(const Settings& settings, const Situation& si
     const spwd* entry = getspnam(situation.user.c_str());
     if (entry != nullptr && entry->sp_pwdp[0] == '!') {
       return Check{Verdict::FAIL, "sshd-config", "the account " + situation.user + " is locked",
-                   "sshd without PAM refuses a user whose password begins with !",
+                   "sshd without PAM refuses a user whose password field begins with !",
                    situation.asRoot("usermod -p '*' " + situation.user)};
     }
   }
@@ -181,7 +181,7 @@ std::optional<Check> judgeShell(const Situation& situation) {
   const bool refuses = shell.ends_with("/nologin") || shell.ends_with("/false");
   if (!refuses && access(shell.c_str(), X_OK) == 0) return std::nullopt;
   return Check{Verdict::FAIL, "shell", "the shell of " + situation.user + " is " + shell,
-               "a login ends there at once", situation.asRoot("chsh -s /bin/sh " + situation.user)};
+               "every login ends at once", situation.asRoot("chsh -s /bin/sh " + situation.user)};
 }
 
 Check judgeConfiguration(const Situation& situation) {
@@ -221,7 +221,7 @@ std::optional<Check> judgeMisplaced(const std::vector<Listener>& listeners, cons
     if (covers(listener, situation.ownAddress)) {
       return Check{Verdict::FAIL, "sshd",
                    "sshd listens on port " + std::to_string(listener.port) + ", not on 22",
-                   "the other device's ssh goes to port 22", configureFirst(situation, "Port 22")};
+                   "the other device's ssh connects to port 22", configureFirst(situation, "Port 22")};
     }
     return Check{Verdict::FAIL, "sshd", "sshd listens on other addresses than " + situation.ownAddress,
                  "the other device cannot reach those",

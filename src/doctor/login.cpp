@@ -16,7 +16,8 @@ constexpr uid_t kNobody = 65534;
 
 /// The most likely name, other than `tried`, of the user who paired on the other device:
 /// this user's, root, or that of the first ordinary user here.
-/// Only one name is tried, because newer versions of sshd block an address after several failures.
+/// The doctor tries only one name, because sshd from OpenSSH 9.8 on blocks an address
+/// after several failures.
 std::string likelyUser(const std::string& tried, const Situation& situation) {
   if (tried != situation.user) return situation.user;
   if (!situation.isRoot()) return "root";
@@ -34,7 +35,7 @@ struct Explanation {
   const char* cause;
 };
 constexpr Explanation kExplanations[] = {
-    {"banner exchange", "a program there accepts connections on port 22, but is no sshd"},
+    {"banner exchange", "ssh connected, but no sshd answered"},
     {"Host key verification failed", "ssh checks host keys, and does not know this one"},
     {"host key is known", "ssh checks host keys, and does not know this one"},
     {"Too many authentication failures", "ssh offers other keys first; IdentitiesOnly is not in force"},

@@ -17,8 +17,8 @@ constexpr int kMaxTimeoutSeconds = 60;
 constexpr const char* kUsage = "usage: dorve-doctor [--json] [--timeout SECONDS] [client|server]\n";
 constexpr const char* kHelp =
     "Says why a pairing, or a login after it, does not work, and which command fixes it. Changes nothing.\n"
-    "Run it as the user who runs dorve-client or dorve-server. Without client or server it finds out which\n"
-    "side this device is.\n\n"
+    "Run it as the user who runs dorve-client or dorve-server. Without the argument client or server, the\n"
+    "doctor finds out which side this device is.\n\n"
     "  --json             print one JSON object for each check\n"
     "  --timeout SECONDS  wait that long for an answer, 1 to 60; the default is 3\n"
     "  --help             print this text\n"

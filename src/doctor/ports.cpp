@@ -82,6 +82,8 @@ class Probe {
     // A close with a linger time of 0 then sends a reset instead.
     const int off = 0;
     setsockopt(fd, IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off);
+    // An ICMP error that arrives during connect(2) does not end the attempt. With IP_RECVERR it wakes
+    // poll(2).
     const int on = 1;
     setsockopt(fd, IPPROTO_IP, IP_RECVERR, &on, sizeof on);
     const linger abort = {1, 0};
@@ -96,13 +98,13 @@ class Probe {
 
   int descriptor() const { return fd; }
 
-  /// 0 if the port is open, EINPROGRESS while it has not responded, else the errno of the failure.
+  /// 0 if the port is open, EINPROGRESS while it has not answered, else the errno of the failure.
   int result() const { return error; }
 
   void readResult() {
     socklen_t size = sizeof error;
     getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
-    // A closed port responds with a reset, a firewall perhaps with ICMP. Both give this error.
+    // A closed port answers with a reset, a firewall perhaps with ICMP. Both answers give this error.
     if (error == ECONNREFUSED && isFromIcmp()) error = EHOSTUNREACH;
     finish();
   }

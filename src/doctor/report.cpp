@@ -46,7 +46,7 @@ std::size_t characterSize(std::string_view text) {
   if (lead < 0xC2 || lead > 0xF4 || text.size() < size) return 0;
   const bool whole = std::all_of(text.begin() + 1, text.begin() + static_cast<std::ptrdiff_t>(size),
                                  [](char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; });
-  // RFC 3629: no overlong forms, no surrogates, nothing above U+10FFFF.
+  // RFC 3629 forbids overlong forms, surrogates and characters above U+10FFFF.
   const auto second = static_cast<unsigned char>(size > 1 ? text[1] : '\0');
   const bool overlong = (lead == 0xE0 && second < 0xA0) || (lead == 0xF0 && second < 0x90);
   const bool surrogate = lead == 0xED && second >= 0xA0;

@@ -84,7 +84,7 @@ void addSshConfig(const std::string& sshDir, const std::string& keyName, const c
   const auto text = readFileText(path);
   if (text && text->find(hostLine) == std::string::npos) {
     // The leading newline also ends a last line that lacks its newline.
-    // A later edit would mistake a part of a block for the block, so it is appended whole or not at all.
+    // A later edit would mistake a partial block for a whole one, so the edit appends all of it or nothing.
     appendAllOrNothing(
         path,
         "\n" + hostLine + "\n    IdentityFile " + sshDir + "/" + keyName +

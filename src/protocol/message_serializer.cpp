@@ -8,7 +8,7 @@ namespace dorve {
 namespace {
 
 static_assert(std::endian::native == std::endian::little,
-              "checksums cover a little-endian header and body integers travel unconverted");
+              "checksums cover a little-endian header, and body integers are sent in host order");
 
 constexpr std::array<std::uint32_t, 256> makeCrc32Table() {
   std::array<std::uint32_t, 256> table{};

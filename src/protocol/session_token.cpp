@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "dorve/protocol/session_token.h"
 
-#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
@@ -22,8 +21,8 @@ constexpr std::size_t kTokenLength = 2 * kMacSize;
 }  // namespace
 
 std::string SessionToken::generate(const void* key, std::size_t keyLength) {
-  // The device yields 32 bits, so there are only 2^32 different blocks.
-  // A token identifies a run. It protects nothing.
+  // std::random_device yields 32 bits, so there are only 2^32 different blocks.
+  // That is enough, because a token protects nothing.
   std::random_device device("default");
   return generateFromSeed(device(), key, keyLength);
 }
@@ -40,11 +39,6 @@ std::string SessionToken::generateFromSeed(std::uint64_t seed, const void* key, 
 
 unsigned char* SessionToken::hmacSha256(const void* key, std::size_t keyLength, const void* data,
                                         std::size_t dataLength, unsigned char* output) {
-  // Without these flags, libcrypto would load 0.6 MB of configuration, names and error texts.
-  // An HMAC needs none of them.
-  OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS |
-                          OPENSSL_INIT_NO_ADD_ALL_CIPHERS | OPENSSL_INIT_NO_ADD_ALL_DIGESTS,
-                      nullptr);
   unsigned int outputLength = kMacSize;
   return HMAC(EVP_sha256(), key, static_cast<int>(keyLength), static_cast<const unsigned char*>(data),
               dataLength, output, &outputLength);

@@ -57,8 +57,8 @@ bool DorveServer::start() {
     listener.setTimeout(kListenerTimeoutMs);
     listener.bind(makeAddress(kServerAddress, kPort), kBindRetries, kBindRetryMs);
     listener.listen(kBacklog);
-    // The first HMAC makes libcrypto load its code.
-    // Doing this before a client connects shortens the first response.
+    // The first HMAC makes libcrypto load its providers.
+    // This is done before a client connects, so that the client need not wait for it in phase 1.
     unsigned char mac[kMacSize];
     SessionToken::hmacSha256("", 0, "", 0, mac);
     NqSocket client = listener.accept();
@@ -107,8 +107,8 @@ bool DorveServer::completeAndValidate(NqSocket& client, std::uint8_t* buffer, st
   while (received < length) {
     const std::size_t more = client.receive(buffer + received, length - received);
     if (more == 0) {
-      // Printed here and again by the caller, on purpose:
-      // two "Error" lines mean that the connection closed inside a message.
+      // The caller prints "Error" again, on purpose:
+      // two such lines mean that the connection closed inside a message.
       reportError();
       return false;
     }

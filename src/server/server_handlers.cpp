@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The server's five handlers. Each carries out one type of request and returns its whole response.
+// The server's five handlers. Each handles one type of request and returns its whole response.
 #include <cstdio>
 
 #include "dorve/net/endpoints.h"

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The server's key and file operations: those of keys/ for this server's SSH directory and pairing key.
-// Unlike the client's operations, they print nothing.
+// Unlike some of the client's operations, they print nothing.
 #include "dorve/keys/key_material.h"
 #include "dorve/keys/ssh_files.h"
 #include "dorve/protocol/session_token.h"

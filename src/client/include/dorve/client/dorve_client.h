@@ -15,11 +15,11 @@
 namespace dorve {
 
 /// The client side of a pairing. One object performs one run: five phases over one connection.
-/// Prints progress on standard output and failures on standard error, one line each.
+/// Prints progress on standard output and failures on standard error.
 class DorveClient {
  public:
-  /// Creates the SSH directory `directory` if it is missing, and sets its mode to 0700 if the process
-  /// may do so. `address` is the server's in dotted decimal, `port` is in host byte order.
+  /// Calls `makeSshDirectory` for the SSH directory `directory`.
+  /// `address` is the server's address in dotted decimal, and `port` is in host byte order.
   DorveClient(const std::string& address, int port, const std::string& directory);
 
   /// Closes the connection without a message to the server.
@@ -47,7 +47,7 @@ class DorveClient {
  private:
   friend struct TestAccess;
 
-  /// What differs between the round trips of the phases.
+  /// The parameters of a phase's round trip.
   struct PhaseRules {
     ClientState sentState;
     const char* responseName;
@@ -75,19 +75,18 @@ class DorveClient {
   template <typename Request>
   Request makeRequest();
 
-  /// Sends a sealed request, then receives, decodes and checks its response. Returns false if a step fails.
-  /// The failure has been printed; a failed check has also set the ERROR state.
+  /// Sends a sealed request, then receives, decodes and checks its response.
+  /// Returns false, after printing why, if a step fails. A failed check also enters ERROR.
   template <typename Request, typename Response>
   bool roundTrip(const Request& request, Response& response, const PhaseRules& rules);
 
   /// Sends all `size` bytes. Returns false, after printing why, if that fails.
   bool sendRequest(const void* data, unsigned long size);
 
-  /// Receives one message: a first read of up to `capacity` bytes, then the rest of the length in its header.
-  /// Fewer bytes than a header, or more than one message, are returned as they came,
-  /// and the caller's checks reject them.
-  /// Returns false, after printing why, if the peer closed, the message is too large or the socket failed.
-  /// A socket failure also pauses (200, 400, 800 ms), at most three times per run.
+  /// Receives one message: a first read of up to `capacity` bytes, then the rest up to its `length`.
+  /// A first read shorter than a header or longer than its message goes to the caller's checks as it is.
+  /// Returns false, after printing why, if the peer closes, the message is too large or the socket fails.
+  /// After a socket failure, it pauses first (200, 400, then 800 ms), at most three times per object.
   bool receiveResponse(void* buffer, unsigned long capacity, unsigned long* received, unsigned int timeoutMs);
 
   unsigned int calculateBackoffMs() const;

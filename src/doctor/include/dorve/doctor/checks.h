@@ -17,13 +17,13 @@ void checkKeygen(const Situation& situation, Report& report);
 /// Checks the role of this device, the link's interface and address, and the route to the other device.
 void checkLink(const Situation& situation, Report& report);
 
-/// Checks how often this device's program runs and, on the server, which process holds port 8888.
+/// Checks how many processes of this device's program run and, on the server, which process holds port 8888.
 void checkPort(const Situation& situation, Report& report);
 
 /// Checks the user's shell, and whether sshd listens and its configuration lets the other device log in.
 void checkSshd(const Situation& situation, Report& report);
 
-/// Checks that the other device responds on the link. Returns whether its port 22 is open.
+/// Checks that the other device answers on the link. Returns whether its port 22 is open.
 bool checkPeer(const Situation& situation, Report& report);
 
 /// Returns whether the SSH directory contains traces of a pairing, complete or not.

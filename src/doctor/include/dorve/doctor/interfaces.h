@@ -22,7 +22,7 @@ struct Interface {
   bool uplink = false;  ///< a default route uses this interface
   std::vector<Address> addresses;
 
-  /// Returns whether the interface has an address (dotted decimal).
+  /// Returns whether the interface has this address (dotted decimal).
   bool has(std::string_view address) const;
 
   /// The state in words: "down", "up" or "up, no carrier".

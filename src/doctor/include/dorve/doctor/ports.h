@@ -41,22 +41,22 @@ const Listener* findListener(const std::vector<Listener>& listeners, const std::
 /// The process that holds a listener's socket; no value if this user may not see it.
 std::optional<ProcessInfo> findOwner(const Listener& listener);
 
-/// All processes with a name; no value if /proc can't be read.
+/// All processes named `name`; no value if /proc can't be read.
 std::optional<std::vector<ProcessInfo>> findProcesses(std::string_view name);
 
-/// How a TCP port of another device responds to a probe.
+/// How a TCP port of another device answers a probe.
 enum class PortState : std::uint8_t {
   OPEN,
-  REFUSED,       ///< responds with a reset: no process listens, or a firewall rejects
-  REJECTED,      ///< the device or a firewall responds with ICMP
-  SILENT,        ///< no response, but the device is on the link
-  NO_NEIGHBOUR,  ///< no response, and no device on the link has the address
+  REFUSED,       ///< answers with a reset: no process listens, or a firewall rejects
+  REJECTED,      ///< the device or a firewall answers with ICMP
+  SILENT,        ///< no answer, but the device is on the link
+  NO_NEIGHBOUR,  ///< no answer, and no device on the link has the address
   NO_ROUTE,      ///< this device has no route to the address
 };
 
 /// Probes ports of one IPv4 address at the same time, for at most `timeoutMs` milliseconds.
 /// A probe never completes the handshake. Otherwise a server that serves only one client
-/// would take the probe for that client.
+/// would mistake the probe for its client.
 /// Returns the states in the order of `ports`.
 std::vector<PortState> probePorts(const std::string& address, const std::vector<std::uint16_t>& ports,
                                   int timeoutMs);

@@ -45,7 +45,7 @@ struct Situation {
   CommandResult sshdTest;   ///< output of `sshd -T` for a login of this user from the other device
   bool strictModes = true;  ///< sshd requires safe owners and modes of files
 
-  int timeoutMs = 0;                               ///< for a response of the other device
+  int timeoutMs = 0;                               ///< for an answer from the other device
   std::chrono::steady_clock::time_point deadline;  ///< for all checks together
 
   /// The timeout in milliseconds for a command that starts now:

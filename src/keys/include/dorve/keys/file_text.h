@@ -8,22 +8,17 @@
 #include <string>
 #include <string_view>
 
-/// Reads text files whole and edits them in place, so that owners and hard and symbolic
-/// links stay.
+/// Reads text files whole and edits them in place, so that owners and hard and symbolic links stay.
 ///
 /// An edit reports no failure. It repeats calls that a signal interrupts. After a failed write (full disk,
 /// quota, size limit, I/O error) it restores the old text. Lines that the edit does not change stay
 /// whole even if one system call fails or the process ends between two calls.
-///
-/// Only an edit of several blocks of 4096 bytes can damage other lines, in these cases:
-/// - The process ends while the kernel copies the blocks.
-/// - The power fails while the disk stores the blocks.
-/// - A write fails, and so does the attempt to restore the old text.
+/// SECURITY.md describes what can still damage these lines.
 namespace dorve {
 
 /// All bytes of a file. Empty if the file is missing or this user may not read it.
 /// No value if it can't be opened for another reason, or can't be read to its end (a failing disk,
-/// a directory). Otherwise a caller could mistake a part of the text for all of it.
+/// a directory), so that no caller mistakes a part of the text for all of it.
 std::optional<std::string> readFileText(const std::string& path);
 
 /// An edit of a text: the first `from` bytes stay, and `text` replaces all bytes after them.
@@ -38,7 +33,7 @@ struct TextTail {
 /// changes before the write.
 void replaceFileTail(const std::string& path, const std::function<TextTail(std::string_view text)>& edit);
 
-/// Appends all of `text` to a file, or nothing of it. Creates a missing file with mode 0600.
+/// Appends all of `text` to a file, or none of it. Creates a missing file with mode 0600.
 void appendAllOrNothing(const std::string& path, std::string_view text);
 
 }  // namespace dorve

@@ -13,7 +13,8 @@ constexpr const char* kPairingKeyName = "base_slice_exchange";
 
 /// Deletes the key pair and generates a new one with ssh-keygen(1): no passphrase, `keyName` as comment.
 /// Returns the text of the .pub file. Reports no failure: without that file the text is empty.
-/// `sshDir` must not contain blanks or special characters, because the shell gets it without quotes.
+/// `sshDir` and `keyName` must not contain blanks or characters that are special to sh(1), because the
+/// command does not quote them.
 std::string regenerateKeys(const std::string& sshDir, const std::string& keyName);
 
 /// The text of the .pub file, with its newline. Empty if the file can't be read.

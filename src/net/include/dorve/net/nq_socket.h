@@ -26,8 +26,8 @@ sockaddr_in makeAddress(const char* address, std::uint16_t port);
 /// NqSocketException with the errno of the failed call and the message that is documented at the operation.
 /// `close`, `shutdown` and the moves throw nothing.
 ///
-/// The socket remembers the options that are set on it. If an attempt of `bind` or `connect` fails, they
-/// close the descriptor and repeat the attempt on a new one with the same options.
+/// The socket remembers the options that are set on it. `bind` and `connect` make each attempt after the
+/// first on a new descriptor with the same options.
 class NqSocket {
  public:
   /// Owns no descriptor.
@@ -50,7 +50,7 @@ class NqSocket {
   /// Closes the descriptor, if there is one. The remembered options stay.
   void close() noexcept;
 
-  /// Sets the timeout in milliseconds of each receive and each send; 0 means no timeout.
+  /// Sets the timeout in milliseconds of each accept, connect, receive and send; 0 means no timeout.
   /// Throws "Failed to set receive timeout" or "Failed to set send timeout".
   void setTimeout(unsigned long ms);
 

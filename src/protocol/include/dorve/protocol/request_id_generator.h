@@ -13,7 +13,7 @@ class RequestIdGenerator {
   /// The steady clock in milliseconds. Values from two devices, or from two boots, cannot be compared.
   static std::uint64_t getMonotonicTimeMs();
 
-  /// The next value of one std::mt19937 for the whole process, which std::random_device seeds on first use.
+  /// The next value of the process's only std::mt19937. std::random_device seeds it on first use.
   /// Despite the name, an observer can predict the values: they make ids unique, not secret.
   /// Throws what std::random_device throws if the system has no random device.
   static std::uint32_t getSecureRandom();

@@ -12,17 +12,17 @@ namespace dorve {
 constexpr std::uint64_t kTokenLifetimeUs = 3'600'000'000;  // one hour
 constexpr std::size_t kMacSize = 32;                       // bytes of an HMAC-SHA256
 
-/// A session token is the HMAC-SHA256 (RFC 2104) of a random block, as 64 lower-case hexadecimal digits.
-/// It expires at a wall-clock time, in microseconds since 1970-01-01 00:00 UTC.
-/// Neither program checks tokens or their expiry.
+/// Makes session tokens and checks their form. Neither program checks a token or its expiry.
+/// A token expires at a wall-clock time, in microseconds since 1970-01-01 00:00 UTC.
 class SessionToken {
  public:
-  /// A new token: the HMAC of a random block of 32 bytes with `key`.
+  /// A new token: the HMAC-SHA256 (RFC 2104) of a random block of 32 bytes with `key`, as 64 lower-case
+  /// hexadecimal digits.
   /// Throws what std::random_device throws if the system has no random device.
   static std::string generate(const void* key, std::size_t keyLength);
 
-  /// Writes the HMAC-SHA256 of `data`, `kMacSize` bytes, to `output`. Returns `output`, or null if libcrypto
-  /// fails.
+  /// Writes the HMAC-SHA256 of `data` to the first `kMacSize` bytes of `output`.
+  /// Returns `output`, or null if libcrypto fails.
   static unsigned char* hmacSha256(const void* key, std::size_t keyLength, const void* data,
                                    std::size_t dataLength, unsigned char* output);
 

@@ -22,7 +22,7 @@ class VersionManager {
   /// A query that is ready to send. Its `sequence` is 0. Truncates `requestId` to 127 bytes.
   VersionQuery createVersionQuery(std::string_view requestId) const;
 
-  /// Returns whether `version` equals an item of the comma-separated `list`.
+  /// Returns `listContains(list, version)`.
   static bool isVersionSupported(std::string_view version, std::string_view list);
 
   /// Checks a response whose header is decoded and valid.

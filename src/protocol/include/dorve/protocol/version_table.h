@@ -33,7 +33,7 @@ class VersionTable {
   /// Returns 1 if `a` is newer, -1 if it is older, and 0 if both are equal or one of them is invalid.
   std::int32_t compareVersions(std::string_view a, std::string_view b) const;
 
-  /// Returns whether `version` equals an item of the comma-separated `list`.
+  /// Returns `listContains(list, version)`.
   bool versionInList(std::string_view version, std::string_view list) const;
 
   /// The newest item of `clientList` that the server also offers, or the first of several equally new ones.

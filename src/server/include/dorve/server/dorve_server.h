@@ -16,12 +16,12 @@ namespace dorve {
 constexpr std::size_t SERVER_RECEIVE_BUFFER = 8192;
 
 /// The server side of a pairing. One object serves one client on one connection.
-/// It carries out requests one at a time and requires no order.
-/// It trusts the client: it ignores the tokens, hashes and flags in requests. An object takes over 90 KB.
+/// It accepts requests in any order and handles them one at a time.
+/// It trusts the client: it ignores the tokens, hashes and flags in requests. An object is larger than 90 KB.
 class DorveServer {
  public:
-  /// Creates the SSH directory `directory` if it is missing, and sets its mode to 0700 if the process
-  /// may do so. `address` and `port` are ignored: `start` always listens on 172.20.10.1, port 8888.
+  /// Calls `makeSshDirectory` for the SSH directory `directory`.
+  /// Ignores `address` and `port`: `start` always listens on `kServerAddress` and `kPort`.
   DorveServer(const std::string& address, int port, const std::string& directory);
   ~DorveServer();
   DorveServer(const DorveServer&) = delete;
@@ -32,12 +32,12 @@ class DorveServer {
   /// on standard error, if the sockets can't be set up or no client connects.
   bool start();
 
-  /// Serves a connection until the client closes it, a ConfirmInstallRequest has been carried out
-  /// or the socket fails. Anything but a complete, valid request is dropped: "Error" is printed
-  /// and the connection stays open. A socket failure prints "Exception". Both lines go to standard error.
+  /// Serves a connection until the client closes it, a ConfirmInstallRequest has been handled
+  /// or the socket fails. Drops each message that is not a complete, valid request: prints "Error"
+  /// and keeps the connection open. Prints "Exception" if the socket fails. Both lines go to standard error.
   void processRequest(NqSocket& client);
 
-  /// Each carries out one request and returns its sealed response. None rejects a request.
+  /// Each handles one request and returns its sealed response. None rejects a request.
   VersionResponse handleVersionQuery(const VersionQuery* query);
   ExchangeKeysResponse handleExchangeKeys(const ExchangeKeysRequest* request);
   VerifyKeysResponse handleVerifyKeys(const VerifyKeysRequest* request);
@@ -62,7 +62,7 @@ class DorveServer {
 
   /// Restarts an sshd that no service manager runs: stops the sshd that /var/run/sshd.pid names,
   /// deletes that file and starts sshd in the background, with its output in the kernel log.
-  /// If the file names no running sshd, leaves it as it is and only starts sshd.
+  /// If the file names no running sshd, leaves the file as it is and only starts sshd.
   /// Prints "Warning" on standard error if the old sshd can't be stopped, and then starts a new one anyway.
   /// Blocks for up to about 7 seconds. For embedders:
   /// dorve-server does not call it, because sshd reads authorized_keys at every login.
@@ -74,7 +74,7 @@ class DorveServer {
   /// Returns whether the program name (argv[0]) of a process contains "sshd".
   bool verifySshdProcess(int pid);
 
-  /// Sends SIGTERM to a process and, after 5 seconds, SIGKILL. Returns whether the process has ended.
+  /// Sends SIGTERM to a process, and SIGKILL if it still runs after 5 seconds. Returns whether it has ended.
   /// Prints "Error" on standard error if it can't be signalled or still exists 2 seconds after SIGKILL.
   bool terminateSshd(int pid);
 

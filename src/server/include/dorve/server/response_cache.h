@@ -23,9 +23,8 @@ struct CacheEntry {
   std::uint8_t response[kMaxCachedResponse];  ///< the bytes that were sent, header in wire order
 };
 
-/// Stores the last ten responses by request id, so that a repeated request gets the same bytes again and is
-/// not carried out twice. The cache is first in, first out: the eleventh new id evicts the oldest entry,
-/// however often it was used. The storage is fixed, and no operation allocates.
+/// Stores the last `kCacheEntries` responses by request id, first in, first out. The server needs them for
+/// repeated requests, see docs/protocol.md. The storage is fixed, and no operation allocates.
 class ResponseCache {
  public:
   ResponseCache() = default;

@@ -11,7 +11,8 @@ bool isMounted(const char* path);
 
 /// Mounts a tmpfs at `path`, an existing directory, with nosuid, nodev, noexec and `options`.
 /// `options` is the data argument of mount(2) and may be null.
-/// Does nothing if a file system of any type is mounted there already. Returns whether one is mounted now.
+/// Does nothing if a file system of any type is mounted there already.
+/// Returns whether a file system is mounted there afterwards.
 /// Prints "Successful" after mounting, or "Error" on standard error if mount(2) fails.
 /// For embedders; the programs do not call it.
 bool mountTmpfs(const char* path, const char* options);

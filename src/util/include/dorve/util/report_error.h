@@ -4,7 +4,7 @@
 
 namespace dorve {
 
-/// Prints the line "Error" on standard error. For most failures, this line is the whole report.
+/// Prints the line "Error" on standard error. Most callers report a failure by this line alone.
 void reportError();
 
 }  // namespace dorve

@@ -27,7 +27,8 @@ namespace {
 namespace fs = std::filesystem;
 using benchmark::State;
 
-constexpr const char* kServerDirectory = "server";  // without the large file that `edit` makes
+// The server installs keys in a directory of its own, where `edit` has left no large authorized_keys.
+constexpr const char* kServerDirectory = "server";
 
 std::string requestId(std::size_t number) {
   return "REQ-base-1-" + std::to_string(number);

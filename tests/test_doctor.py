@@ -298,10 +298,11 @@ def test_raises_no_false_alarm(sshd_lab, build, name):
 ])
 def test_explains_what_ssh_reports(sshd_lab, build, reason, cause):
     pair(sshd_lab, build)
-    fake = f"#!/bin/sh\n[ $1 = -G ] && exec /run/ssh \"$@\"\necho {reason} >&2; exit 255\n"
+    fake = f"#!/bin/sh\n[ $1 = -G ] && exec /run/ssh \"$@\"\necho {reason} in $LC_ALL for $HOME >&2; exit 255\n"
     sshd_lab.client.path("/run/fake").write_text(fake)
     sshd_lab.client.check("cp /usr/bin/ssh /run; chmod +x /run/fake; mount --bind /run/fake /usr/bin/ssh")
-    assert f"FAIL  login         {reason}\n      why  {cause}\n" in doctor(sshd_lab.client, build).out
+    outcome = run(sshd_lab.client, build, "LC_ALL=POSIX dorve-doctor")
+    assert f"FAIL  login         {reason} in C for /root\n      why  {cause}\n" in outcome.out
 
 
 ADD_USER = """

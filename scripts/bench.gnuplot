@@ -10,9 +10,10 @@ set grid xtics lt 1 lc rgb "#dddddd"
 
 text(x) = sprintf(x < 10 ? "%.2f" : "%.1f", x)
 
-# One bar for each stage, which begins where the bar above it ends. The four bars at the top are whole runs.
+# The four bars at the top are whole runs. Below them is one bar for each stage, which begins where the previous stage
+# ends.
 set output docs."/performance-time.svg"
-set title "Where the milliseconds of a dorve-client run go, while the server waits for it"
+set title "Where the milliseconds of a dorve-client run go, with the server already waiting"
 set xlabel "milliseconds since the start (medians)"
 set xrange [0:*]
 set offsets 0, 1, 0, 0

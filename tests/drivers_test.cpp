@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Operations of DorveClient and DorveServer, most of which the programs do not call.
+// Operations of DorveClient and DorveServer, some of which the programs do not call.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 

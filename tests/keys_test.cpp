@@ -22,7 +22,7 @@ namespace {
 /// Counts the file calls of an edit while `watched`.
 struct Calls {
   bool watched = false;
-  int failing = -1;  ///< index of the call that fails with `error`; a write stores half of its bytes
+  int failing = -1;  ///< index of the call that fails with `error`; but with EIO a write stores half
   int error = 0;
   int count = 0;
   std::string changes = "";  ///< names of the write, sync and truncate calls

@@ -105,7 +105,7 @@ TEST(SessionToken, IsTheMacOfARandomBlock) {
   unsigned char mac[32] = {};
   EXPECT_EQ(SessionToken::hmacSha256("Jefe", 4, data.data(), data.size(), mac), mac);
   EXPECT_EQ(hex(mac, 32), "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
-  // From other implementations of mt19937_64 (checked by its 10000th value) and of HMAC-SHA256.
+  // From another implementation of mt19937_64, whose 10000th value was checked, and of HMAC-SHA256.
   EXPECT_EQ(TestAccess::token(1, "k"), "f4cc429f021b6f540e08547527fd2b5483ad9020a0b65c556b20f63d7c8a47b5");
   EXPECT_NE(SessionToken::generate("k", 1), SessionToken::generate("k", 1));
 }

@@ -27,7 +27,7 @@ def listening(port):
 
 
 STOP_SSHD = f"kill $(cat /run/sshd.pid); {until('! pgrep -x sshd >/dev/null')}"
-# sshd removes its PID file when it restarts and writes it again when it listens.
+# A restarted sshd writes its PID file when it listens. Without the old file, the wait lasts until then.
 RELOAD = f"rm /run/sshd.pid; pkill -HUP -o -x sshd; {until('[ -s /run/sshd.pid ]')}"
 
 

@@ -21,8 +21,8 @@ class Example:
 
     def __init__(self, text):
         self.fields = []    # offset, size and name of all fields, the header's once
-        self.messages = []  # their bytes
-        self.constant = []  # the rows of the hex and the lines of the tree, without the values that vary
+        self.messages = []  # the bytes of each message
+        self.constant = []  # the rows of hex bytes and the lines of Wireshark, without the values that vary
         name = ""
         for line in text[text.index("### VersionQuery"):].splitlines():
             row = HEX_ROW.fullmatch(line.ljust(54))

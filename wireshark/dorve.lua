@@ -84,7 +84,7 @@ for _, record in pairs(RECORDS) do
 end
 dorve.fields = fields
 
--- Every receiver rejects a message with an error. At least one accepts a message that has only warnings and notes.
+-- Every receiver rejects a message with an error. The server accepts a request that has only warnings and notes.
 local experts = {}
 local function declare_expert(name, group, severity, text)
   experts[name] = ProtoExpert.new("dorve." .. name, text, expert.group[group], expert.severity[severity])

@@ -126,7 +126,8 @@ bool DorveClient::phaseVerifyKeys() {
 bool DorveClient::phaseInstallKeys() {
   beginPhase(3, "Phase 3: INSTALL_KEYS");
   transitionTo(ClientState::INSTALL_KEYS_SENDING);
-  // The client installs first. If the server then fails, its key stays until the next run replaces it.
+  // The client installs first.
+  // If the server then fails, the server's key stays on the client until the next pairing.
   if (!installKeysLocally()) {
     std::cerr << "Local key installation failed" << std::endl;
     transitionToError(kInstallationFailed);

@@ -189,7 +189,7 @@ bool checkPeer(const Situation& situation, Report& report) {
   const PortState ssh = states.front();
   if (ssh == PortState::NO_ROUTE) {
     report.add({Verdict::FAIL, "peer", "this device has no route to " + situation.peerAddress,
-                "the checks interface and address name the cause", "ip route get " + situation.peerAddress});
+                "the line interface or address above says why", "ip route get " + situation.peerAddress});
     return false;
   }
   // For a while, the kernel keeps the hardware address of a device that is gone.

@@ -126,7 +126,7 @@ bool usesKey(const std::vector<std::string>& files, const Situation& situation) 
   });
 }
 
-/// The settings whose values for the other device differ from those of the pairing's block.
+/// The settings for which ssh has a wrong value for the other device.
 std::vector<Setting> findOverridden(const Settings& settings, const Situation& situation) {
   std::vector<Setting> all = {
       {"IdentitiesOnly", "yes", {"yes"}},
@@ -181,7 +181,7 @@ Check judgeConfig(const CommandResult& result, bool loginWorks, const Situation&
   const std::string name = wrong.front().name;
   return {Verdict::FAIL, kName,
           "for " + situation.peerAddress + " ssh uses " + name + " " + settings.first(toLower(name)),
-          "an earlier line of ssh's configuration overrides the pairing's block",
+          "other lines of ssh's configuration conflict with the pairing's block",
           preferCommand(wrong, situation)};
 }
 

@@ -82,8 +82,8 @@ class Probe {
     // A close with a linger time of 0 then sends a reset instead.
     const int off = 0;
     setsockopt(fd, IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off);
-    // An ICMP error that arrives during connect(2) does not end the attempt. With IP_RECVERR it wakes
-    // poll(2).
+    // An ICMP error that arrives before connect(2) returns does not end the attempt.
+    // With IP_RECVERR, such an error wakes poll(2).
     const int on = 1;
     setsockopt(fd, IPPROTO_IP, IP_RECVERR, &on, sizeof on);
     const linger abort = {1, 0};

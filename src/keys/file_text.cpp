@@ -79,9 +79,10 @@ class File {
 /// Replaces `oldTail`, the bytes of the file from `from` to its end, by `tail`.
 /// Restores `oldTail` if a call fails.
 void writeTail(const File& file, std::size_t from, std::string_view oldTail, std::string tail) {
-  // The new tail overwrites the old tail before the file is truncated.
-  // Otherwise a part of an old line could be left: a key without the restrictions that stand before it.
-  // A shorter tail is padded with newlines. sshd ignores empty lines, and the next edit removes them.
+  // A shorter tail is padded with newlines, so it overwrites all of the old tail before the truncation.
+  // Without the padding, a kill before the truncation could leave the end of an old line:
+  // a key without the restrictions that stand before it.
+  // sshd ignores empty lines, and the next edit removes them.
   const std::size_t size = from + tail.size();
   const std::size_t oldSize = from + oldTail.size();
   const bool shrinks = size < oldSize;

@@ -40,7 +40,7 @@ const Interface* findByAddress(const std::vector<Interface>& interfaces, std::st
 
 /// The interface that is most likely the link.
 /// Candidates are all interfaces without an address, except loopback and uplink.
-/// If there are several, only those with a carrier count. Null unless exactly one is left.
+/// If there are several, those without a carrier are left out. Null unless exactly one is left.
 const Interface* guessLink(const std::vector<Interface>& interfaces);
 
 /// The names and states of all interfaces except loopback in one line; "none" if there are none.

@@ -49,7 +49,7 @@ enum class PortState : std::uint8_t {
   OPEN,
   REFUSED,       ///< answers with a reset: no process listens, or a firewall rejects
   REJECTED,      ///< the device or a firewall answers with ICMP
-  SILENT,        ///< no answer, but the device is on the link
+  SILENT,        ///< no answer, but the kernel knows the device's hardware address
   NO_NEIGHBOUR,  ///< no answer, and no device on the link has the address
   NO_ROUTE,      ///< this device has no route to the address
 };

@@ -80,7 +80,7 @@ struct Situation {
   /// The first line of the block that a pairing adds to ssh's config.
   std::string hostLine() const;
 
-  /// The command that starts a new pairing, with a remark on the other device.
+  /// The command that starts a new pairing, with a remark about the other device.
   std::string pairAgain() const;
 };
 

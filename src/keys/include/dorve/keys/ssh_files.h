@@ -6,7 +6,8 @@
 
 /// Edits of the files in a user's SSH directory (formats: sshd(8), ssh_config(5)).
 ///
-/// An edit sets the mode of its file to 0600 and reports no failure. Repeating it changes nothing further.
+/// An edit sets the mode of its file to 0600 and reports no failure. Repeating it changes nothing further,
+/// unless the key of `addAuthKey` lacks `keyName`.
 /// A file that is missing, or that this user may not read, counts as empty.
 /// A file keeps its old text if it can't be opened or read for another reason,
 /// or if the new text can't be written in full. `host` and `keyName` must not contain newlines.
@@ -17,7 +18,7 @@ void makeSshDirectory(const std::string& sshDir);
 
 /// Makes `publicKey` the pairing key in `sshDir`/authorized_keys.
 /// Removes every empty line and every line that contains `keyName` anywhere; all other lines stay, in order.
-/// After them, writes an empty line and the key, as given and without an added newline.
+/// After them, if any, writes an empty line. Then writes the key, as given and without an added newline.
 /// A null key counts as empty.
 void addAuthKey(const std::string& sshDir, const std::string& keyName, const char* publicKey);
 

@@ -94,8 +94,9 @@ MISTAKES = [
     Mistake("A firewall rejects port 22", BETWEEN, "server", block("tcp dport 22 reject"), seen_from="client"),
     Mistake("sshd does not run", BETWEEN, "client", STOP_SSHD),
     Mistake("Another program holds port 22", BETWEEN, "client", f"{STOP_SSHD}; {occupy(22)}"),
-    Mistake("sshd has not run since the last boot", BETWEEN, "client",
-            f"{STOP_SSHD}; rmdir /run/sshd"),
+    Mistake("sshd has not run since the last boot", BETWEEN, "client", f"{STOP_SSHD}; rmdir /run/sshd"),
+    Mistake("There is no sshd", BETWEEN, "client", f"{STOP_SSHD}; mount --bind /run/sshd /usr/sbin",
+            own_fix="umount /usr/sbin; /usr/sbin/sshd"),
     Mistake("sshd does not run on the other device", BETWEEN, "server", STOP_SSHD, seen_from="client"),
     Mistake("sshd listens on another port", BETWEEN, "server", sshd("Port 2222")),
     Mistake("sshd listens on another address", BETWEEN, "server", sshd("ListenAddress 127.0.0.1")),
@@ -131,8 +132,7 @@ MISTAKES = [
             "mount -t tmpfs -o mode=700 none /root/.ssh; mount -o remount,ro /root/.ssh"),
     Mistake("An older block names another key", BETWEEN, "client",
             "cd .ssh; printf 'Host 172.20.10.1\\n    IdentityFile /root/.ssh/id\\n    IdentitiesOnly yes\\n' >config"),
-    Mistake("A pairing would add no block", BEFORE, "server",
-            "printf 'Host 172.20.10.20\\n    User me\\n' >.ssh/config"),
+    Mistake("A pairing would add no block", BEFORE, "server", "printf 'Host 172.20.10.20\\nUser me\\n' >.ssh/config"),
     Mistake("A block for all hosts comes first", BETWEEN, "client",
             "cd .ssh; printf 'Host *\\n    StrictHostKeyChecking yes\\n    UserKnownHostsFile ~/.ssh/k\\n    "
             "Port 23\\n    ProxyJump x\\n    PubkeyAuthentication no\\n' >config"),
@@ -270,7 +270,8 @@ HARMLESS = {
         "client) ip address add 172.20.10.2 peer 172.20.10.1 dev bsab;; "
         "server) ip address add 172.20.10.1 peer 172.20.10.2 dev bsab;; esac",
     "a second address on the link": "ip address add 172.20.10.9/24 dev bsab",
-    "a file of keys in the usual place": sshd("AuthorizedKeysFile /%%/%U.%u %h/.ssh/authorized_keys"),
+    "the usual file of keys by another name":
+        "touch .ssh/authorized_keys; ln -s .ssh %0root; " + sshd("AuthorizedKeysFile %h/%%%U%u/authorized_keys"),
     "a home that a group of one may write to":
         "sed s/^root:.*/root:x:0:root/ /etc/group >/run/lab/group; mount --bind /run/lab/group /etc/group; chmod 775 .",
     "no StrictModes": sshd("StrictModes no") + "; chmod 777 /root",
@@ -344,6 +345,7 @@ def test_finds_the_name_of_the_user_who_paired_there(sshd_lab, build):
     ("true", "touch .ssh/config; chmod 0 .ssh/config", ["      fix  chmod u+rw /home/me/.ssh/config"]),
     ("umount /etc/passwd", "true", [
         "FAIL  user          no name for user 7777", "      fix  sudo useradd --create-home --uid 7777 dorve",
+        "      why  ssh works only for users in the password database",
         "skip  ssh-keygen    not checked: it does not run without a user name"]),
     ("true", "unset HOME", ["      why  HOME is not the home directory of me", "      fix  export HOME=/home/me"]),
     ("true", "mkdir -p 'a b/.ssh'; export HOME='/home/me/a b'", [
@@ -430,6 +432,5 @@ def test_describes_itself(lab, build):
 @pytest.mark.parametrize("arguments", ["--bogus", "client server", "--timeout", "--timeout 0", "--timeout 61",
                                        "--timeout 3s", ""])
 def test_reports_bad_usage(lab, build, arguments):
-    outcome = run(lab.client, build, f"dorve-doctor {arguments or '-h'}")
-    assert (outcome.status, outcome.out) == (2, "")
-    assert outcome.err == "usage: dorve-doctor [--json] [--timeout SECONDS] [client|server]\n"
+    usage = "usage: dorve-doctor [--json] [--timeout SECONDS] [client|server]\n"
+    assert run(lab.client, build, f"dorve-doctor {arguments or '-h'}") == Outcome(2, "", usage)

@@ -348,9 +348,9 @@ def test_finds_the_name_of_the_user_who_paired_there(sshd_lab, build):
         "      why  ssh works only for users in the password database",
         "skip  ssh-keygen    not checked: it does not run without a user name"]),
     ("true", "unset HOME", ["      why  HOME is not the home directory of me", "      fix  export HOME=/home/me"]),
-    ("true", "mkdir -p 'a b/.ssh'; export HOME='/home/me/a b'", [
-        "FAIL  ssh-dir       /home/me/a b/.ssh holds a blank or a special character",
-        "      fix  export HOME=/home/me"]),
+    ("true", """export HOME="/home/me/a'b"; mkdir -p "$HOME/.ssh"; chmod 777 "$HOME" """, [
+        "FAIL  ssh-dir       /home/me/a'b/.ssh holds a blank or a special character",
+        "      fix  export HOME=/home/me", r"      fix  chmod go-w '/home/me/a'\''b'"]),
 ])
 def test_names_an_ordinary_users_mistake(lab, build, root_command, command, lines):
     add_user(lab.client, build)

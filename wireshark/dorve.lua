@@ -1,8 +1,8 @@
+-- SPDX-License-Identifier: GPL-2.0-or-later
 -- A Wireshark dissector for DORVE: wireshark -X lua_script:wireshark/dorve.lua FILE
 -- docs/protocol.md describes the messages. Field names are those of src/protocol/include/dorve/protocol/messages.h.
 -- It runs in Wireshark 4.0 (Lua 5.2) and 4.4 (Lua 5.4). Both have the library `bit`, which returns signed numbers.
 --
--- SPDX-License-Identifier: GPL-2.0-or-later
 -- Wireshark asks for the GPL in scripts that use its bindings, so this one file is free software under the
 -- terms of the GNU General Public License as published by the Free Software Foundation, version 2 or later.
 

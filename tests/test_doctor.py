@@ -121,7 +121,7 @@ MISTAKES = [
             sshd("PasswordAuthentication yes\\nAuthenticationMethods publickey,password")),
     Mistake("The account is locked", BETWEEN, "server", "echo 'root:!:19000:0:99999:7:::' >/etc/shadow",
             own_fix="echo 'root:*:19000:0:99999:7:::' >/etc/shadow"),
-    Mistake("Others may write to the home directory", BETWEEN, "server", "chmod 0777 /root"),
+    Mistake("Others may write to the home directory", BETWEEN, "server", "chgrp 1 /root; chmod 0775 /root"),
     Mistake("The SSH directory belongs to another user", BETWEEN, "client", "chown 1 /root/.ssh"),
     Mistake("authorized_keys cannot be changed", BETWEEN, "server",
             "cd /root/.ssh; touch authorized_keys; chmod 600 authorized_keys; chattr +i authorized_keys"),

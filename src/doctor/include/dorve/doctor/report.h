@@ -29,7 +29,8 @@ struct Check {
 ///
 /// As text, a check is one line, followed by a line for its cause and a line for its command.
 /// Control characters become '?', so that a file name can't control the terminal.
-/// All lines but those of commands are truncated, to the width of the terminal or to 80 columns without one.
+/// All lines but those of commands are truncated:
+/// to the width of the terminal, or to 80 columns without one.
 ///
 /// As JSON, a check is one object on one line, in UTF-8.
 class Report {

@@ -272,8 +272,9 @@ HARMLESS = {
     "a second address on the link": "ip address add 172.20.10.9/24 dev bsab",
     "the usual file of keys by another name":
         "touch .ssh/authorized_keys; ln -s .ssh %0root; " + sshd("AuthorizedKeysFile %h/%%%U%u/authorized_keys"),
-    "a home that a group of one may write to":
-        "sed s/^root:.*/root:x:0:root/ /etc/group >/run/lab/group; mount --bind /run/lab/group /etc/group; chmod 775 .",
+    "root's groups, of which one may write to the home":
+        "sed 's/^root:.*/&root\\nx:x:9:root/' /etc/group >/run/g; mount --bind /run/g /etc/group; chmod 775 .; "
+        + sshd("AllowGroups x"),
     "no StrictModes": sshd("StrictModes no") + "; chmod 777 /root",
     "a user named with a network": sshd("AllowUsers root@172.20.10.0/30,!10.0.0.1 me"),
     "a linked directory": "mv .ssh there; ln -s there .ssh",
@@ -324,8 +325,7 @@ def test_finds_the_name_of_the_user_who_paired_there(sshd_lab, build):
         add_user(host, build)
     server = sshd_lab.server.start([build / "dorve-server"])
     assert eventually(sshd_lab.server.listens)
-    assert sshd_lab.client.run([*AS_USER, "dorve-client"]).status == 0
-    assert server.wait().status == 0
+    assert (sshd_lab.client.run([*AS_USER, "dorve-client"]).status, server.wait().status) == (0, 0)
     for host, shell, other, own in ((sshd_lab.client, AS_USER, "root", "me"),
                                     (sshd_lab.server, ["sh", "-c"], "me", "root")):
         outcome = host.run([*shell, "/run/bin/dorve-doctor --timeout 1"])

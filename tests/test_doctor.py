@@ -300,11 +300,11 @@ def test_raises_no_false_alarm(sshd_lab, build, name):
 ])
 def test_explains_what_ssh_reports(sshd_lab, build, reason, cause):
     pair(sshd_lab, build)
-    fake = f"#!/bin/sh\n[ $1 = -G ] && exec /run/ssh \"$@\"\necho {reason} in $LC_ALL for $HOME >&2; exit 255\n"
-    sshd_lab.client.path("/run/fake").write_text(fake)
-    sshd_lab.client.check("cp /usr/bin/ssh /run; chmod +x /run/fake; mount --bind /run/fake /usr/bin/ssh")
-    outcome = run(sshd_lab.client, build, "LC_ALL=POSIX dorve-doctor")
-    assert f"FAIL  login         {reason} in C for /root\n      why  {cause}\n" in outcome.out
+    sshd_lab.client.path("/run/ssh").write_text(
+        '#!/bin/sh\n[ $1 = -G ] && exec /usr/bin/ssh "$@"\n'
+        f"echo {reason} $LC_ALL $HOME $(echo $* | grep -o Timeout=.) >&2; exit 255\n")
+    outcome = run(sshd_lab.client, build, "chmod +x /run/ssh; PATH=/run:$PATH LC_ALL=POSIX dorve-doctor --timeout 7")
+    assert f"FAIL  login         {reason} C /root Timeout=7\n      why  {cause}\n" in outcome.out
 
 
 ADD_USER = """
@@ -342,7 +342,7 @@ def test_finds_the_name_of_the_user_who_paired_there(sshd_lab, build):
     ("touch /home/me/.ssh/config; chmod 600 /home/me/.ssh/config", "true", [
         "FAIL  ssh-files     /home/me/.ssh/config: Permission denied",
         "      fix  sudo chown me: /home/me/.ssh/config"]),
-    ("true", "touch .ssh/config; chmod 0 .ssh/config", ["      fix  chmod u+rw /home/me/.ssh/config"]),
+    ("true", "touch .ssh/config; chmod 200 .ssh/config", ["      fix  chmod u+rw /home/me/.ssh/config"]),
     ("umount /etc/passwd", "true", [
         "FAIL  user          no name for user 7777", "      fix  sudo useradd --create-home --uid 7777 dorve",
         "      why  ssh works only for users in the password database",

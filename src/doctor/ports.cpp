@@ -78,6 +78,10 @@ class Probe {
  public:
   Probe(const std::string& address, std::uint16_t port)
       : fd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+    if (fd < 0) {
+      error = errno;
+      return;
+    }
     // Without TCP_QUICKACK, the kernel delays the last packet of the handshake to send it with data.
     // A close with a linger time of 0 then sends a reset instead.
     const int off = 0;

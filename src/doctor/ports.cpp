@@ -86,10 +86,6 @@ class Probe {
     // A close with a linger time of 0 then sends a reset instead.
     const int off = 0;
     setsockopt(fd, IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off);
-    // An ICMP error that arrives before connect(2) returns does not end the attempt.
-    // With IP_RECVERR, such an error wakes poll(2).
-    const int on = 1;
-    setsockopt(fd, IPPROTO_IP, IP_RECVERR, &on, sizeof on);
     const linger abort = {1, 0};
     setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
     const sockaddr_in peer = endpoint(address, port);
@@ -114,6 +110,7 @@ class Probe {
   }
 
  private:
+  /// The kernel queues the ICMP errors of a connection attempt even without the option IP_RECVERR.
   bool isFromIcmp() const {
     alignas(cmsghdr) char control[512];
     char data[64];

@@ -113,7 +113,7 @@ MISTAKES = [
     Mistake("sshd denies a group", BETWEEN, "server", sshd("DenyGroups other root")),
     Mistake("sshd allows the user from elsewhere only", BETWEEN, "server", sshd("AllowUsers root@10.0.0.0/8")),
     Mistake("A Match block keeps root out", BETWEEN, "client",
-            f"printf 'Match Address 172.20.10.0/30\\nPermitRootLogin no\\n' >>{SSHD_CONFIG}; {RELOAD}"),
+            f"printf 'Match Address 172.20.10.0/30 LocalPort 22\\nPermitRootLogin no\\n' >>{SSHD_CONFIG}; {RELOAD}"),
     Mistake("A forced command ends every login", BETWEEN, "client", sshd("ForceCommand false")),
     Mistake("The other device ends every login", BETWEEN, "server", sshd("ForceCommand false"), seen_from="client"),
     Mistake("sshd reads another authorized_keys", BETWEEN, "server", sshd("AuthorizedKeysFile /etc/ssh/keys/%u")),
@@ -366,24 +366,24 @@ def test_guesses_no_role(lab, build):
                                   "      fix  dorve-doctor server  # or: dorve-doctor client\n")
 
 
-# What breaks, and a line that the doctor then prints.
+# What breaks, and lines that the doctor then prints.
 HOSTILE = [
-    ("mount -t tmpfs none /proc", "skip  port-8888     not checked: /proc cannot be read"),
-    ("cd /root/.ssh; rm config; mkfifo config", "FAIL  ssh-files     /root/.ssh/config is not a regular file"),
-    ("cd /root/.ssh; head -c 1000000 /dev/zero | tr '\\0' 'A' >authorized_keys; "
-     "echo base_slice_exchange >>authorized_keys", "FAIL  peer-key      the pairing key in authorized_keys is damaged"),
+    ("mount -t tmpfs none /proc", ["skip  port-8888     not checked: /proc cannot be read"]),
+    ("cd /root/.ssh; rm config; mkfifo config", ["FAIL  ssh-files     /root/.ssh/config is not a regular file"]),
+    ("cd /root/.ssh; head -c 1M /dev/zero | tr '\\0' A >authorized_keys; echo base_slice_exchange >>authorized_keys",
+     ["FAIL  peer-key      the pairing key in authorized_keys is damaged"]),
     ("printf '#!/bin/sh\\nsleep 60 & sleep 60\\n' >/run/slow; chmod +x /run/slow; "
      "for tool in bin/ssh bin/ssh-keygen sbin/sshd; do mount --bind /run/slow /usr/$tool; done",
-     "FAIL  ssh-keygen    timed out"),
+     ["FAIL  ssh-keygen    timed out", "skip  peer-key      not checked: ssh-keygen: timed out"]),
 ]
 
 
-@pytest.mark.parametrize("command, line", HOSTILE, ids=["no /proc", "a pipe", "a long line", "tools that hang"])
-def test_survives_hostile_surroundings(sshd_lab, build, command, line):
+@pytest.mark.parametrize("command, lines", HOSTILE, ids=["no /proc", "a pipe", "a long line", "tools that hang"])
+def test_survives_hostile_surroundings(sshd_lab, build, command, lines):
     pair(sshd_lab, build)
     run(sshd_lab.server, build, command)
     outcome = sshd_lab.server.run(["timeout", "10", build / "dorve-doctor", "server"])
-    assert line in outcome.out.splitlines(), outcome
+    assert set(lines) <= set(outcome.out.splitlines()), outcome
     assert outcome.status in (0, 1), outcome  # neither a signal nor the timeout ended it
 
 

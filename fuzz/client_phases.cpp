@@ -45,7 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::size_t offset = kTextOffsets[phase];
     const std::string& good = kGoodResponses[phase];
     std::string id;  // of the client's request
-    Peer peer(input, [&](const std::string& received) {
+    ScriptedPeer peer(input, [&](const std::string& received) {
       return mutate(input, good, id = received.c_str() + kHeaderSize);
     });
     if (!TestAccess::phase(client, std::move(peer.near), phase)) continue;

@@ -65,8 +65,8 @@ ssize_t wrappedReceive(int descriptor, void* buffer, std::size_t size, int flags
 ///
 /// Before each receive of the near end, `wrappedReceive` lets the peer send. After its last message, the peer
 /// closes the connection, so no receive waits. `next` makes the next message from all bytes received so far.
-struct Peer {
-  Peer(FuzzedDataProvider& provider, std::function<std::string(const std::string& received)> next)
+struct ScriptedPeer {
+  ScriptedPeer(FuzzedDataProvider& provider, std::function<std::string(const std::string& received)> next)
       : input(provider), nextMessage(std::move(next)) {
     check(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "a socket pair can be made");
     near = NqSocket(ends[0]);
@@ -81,7 +81,7 @@ struct Peer {
     return size > 0 ? received.append(chunk, static_cast<std::size_t>(size)) : received;
   }
 
-  static inline Peer* current = nullptr;
+  static inline ScriptedPeer* current = nullptr;
   FuzzedDataProvider& input;
   std::function<std::string(const std::string&)> nextMessage;
   int ends[2];
@@ -96,7 +96,7 @@ ssize_t wrappedReceive(int descriptor, void* buffer, std::size_t size, int flags
   constexpr std::size_t kMaxSent = 99999;
   constexpr std::size_t kInterrupted = 254, kReset = 255;
   check(__asan_region_is_poisoned(buffer, size) == nullptr, "a receive ends inside its buffer");
-  Peer& peer = *Peer::current;
+  ScriptedPeer& peer = *ScriptedPeer::current;
   const auto nextByte = [&] { return peer.input.ConsumeIntegral<std::uint8_t>(); };
   peer.receive();
   if (peer.sent == peer.messages.size() && peer.sent < kMaxSent && peer.input.remaining_bytes() > 0) {

@@ -35,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       toWire(makeRecord<ExchangeKeysRequest>("")), toWire(makeRecord<VerifyKeysRequest>("")),
       toWire(makeRecord<InstallKeysRequest>("")), toWire(makeRecord<ConfirmInstallRequest>(""))};
   FuzzedDataProvider input(data, size);
-  Peer peer(input, [&](const std::string& /*received*/) {
+  ScriptedPeer peer(input, [&](const std::string& /*received*/) {
     const std::size_t kind = input.ConsumeIntegral<std::uint8_t>() % std::size(kRequests);
     return mutate(input, kRequests[kind], std::to_string(peer.sent));
   });

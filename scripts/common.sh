@@ -9,11 +9,11 @@ checkout=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
 
 # Most presets also build the tests, so they need the test libraries.
 # shellcheck disable=SC2034 # used by the scripts that source this
-build_packages=(g++ cmake ninja-build libssl-dev libgtest-dev python3-pytest)
+build_packages=(g++ cmake ninja-build libssl-dev nlohmann-json3-dev libgtest-dev python3-pytest)
 # shellcheck disable=SC2034
 clang_packages=(clang)
 # shellcheck disable=SC2034
-deb_packages=(build-essential debhelper cmake libssl-dev)
+deb_packages=(build-essential debhelper cmake libssl-dev nlohmann-json3-dev)
 # shellcheck disable=SC2034
 cross_packages=(mmdebstrap)
 # shellcheck disable=SC2034

@@ -1,0 +1,323 @@
+// SPDX-License-Identifier: MIT
+#include "dorve/checks/commands.h"
+
+#include <algorithm>
+
+#include "dorve/facts/text.h"
+
+namespace dorve {
+namespace {
+
+constexpr const char* kSshd = "/usr/sbin/sshd";
+constexpr const char* kByteOrderMark = "\xEF\xBB\xBF";
+
+/// The character at the front of `text`, and its size in bytes; 0 bytes if it is not valid UTF-8 or has more
+/// than 3.
+std::pair<char32_t, std::size_t> decode(std::string_view text) {
+  const auto byte = [&](std::size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
+  const auto continues = [&](std::size_t i) { return (byte(i) & 0xC0U) == 0x80; };
+  if (byte(0) < 0x80) return {byte(0), 1};
+  if (byte(0) >= 0xC2 && byte(0) < 0xE0 && continues(1))
+    return {(byte(0) & 0x1FU) << 6 | (byte(1) & 0x3FU), 2};
+  if (byte(0) < 0xE1 || byte(0) >= 0xF0 || !continues(1) || !continues(2)) return {0, 0};
+  return {(byte(0) & 0x0FU) << 12 | (byte(1) & 0x3FU) << 6 | (byte(2) & 0x3FU), 3};
+}
+
+/// Returns whether a terminal shows a command as it is: ASCII and letters of the common scripts,
+/// without control characters and those that have no width or change the direction of the text.
+bool isShowable(std::string_view text) {
+  constexpr std::pair<char32_t, char32_t> kShown[] = {{0x20, 0x7E},     {0xA1, 0xAC},     {0xAE, 0x58A},
+                                                      {0x3041, 0x30FF}, {0x4E00, 0x9FFF}, {0xAC00, 0xD7A3}};
+  while (!text.empty()) {
+    const auto [character, size] = decode(text);
+    const bool isShown = std::ranges::any_of(
+        kShown, [&](const auto& range) { return character >= range.first && character <= range.second; });
+    if (size == 0 || !isShown) return false;
+    text.remove_prefix(size);
+  }
+  return true;
+}
+
+bool isOneCommand(const std::string& script) {
+  return script.find_first_of("&|;<>(){}$`*[!\n") == std::string::npos;
+}
+
+/// The first run of letters in a line, in lower case.
+std::string firstWord(const std::string& line) {
+  const auto isLetter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+  const auto start = std::ranges::find_if(line, isLetter);
+  return toLower(std::string(start, std::find_if_not(start, line.end(), isLetter)));
+}
+
+/// `printf` with each line as one argument, so that nothing in a line is special.
+std::string printLines(const std::vector<std::string>& lines) {
+  std::string script = "printf '%s\\n'";
+  for (const std::string& line : lines) script += " " + quoted(line);
+  return script;
+}
+
+/// Puts a line at the front of a file, unless the file already has it.
+std::string putFirst(const std::string& line, const std::string& file) {
+  const std::string name = quoted(file);
+  return "{ grep -sqxF " + quoted(line) + " " + name + " || { [ -s " + name + " ] || echo >>" + name +
+         "; sed --follow-symlinks -i " + quoted("1i " + line) + " " + name + "; }; }";
+}
+
+/// Sends a signal to a process if it still runs the program that was seen.
+std::string signalScript(const Process& process, const std::string& signal) {
+  const std::string id = std::to_string(process.pid);
+  const std::string kill = "kill " + (signal.empty() ? "" : "-" + signal + " ") + id;
+  return process.program.empty() ? kill
+                                 : "[ /proc/" + id + "/exe -ef " + quoted(process.program) + " ] && " + kill;
+}
+
+/// Turns a line into a comment, or removes a byte order mark before it. Empty for a line that begins a block.
+std::string disableScript(const FaultyLine& line) {
+  const std::string word = firstWord(line.text);
+  const bool isMarked = line.text.starts_with(kByteOrderMark);
+  if (line.number == 0 || (!isMarked && (word == "host" || word == "match"))) return "";
+  return "sed --follow-symlinks -i '" + std::to_string(line.number) +
+         (isMarked ? R"(s/^\xef\xbb\xbf//)" : "s/^[^#]/#&/") + "' " + quoted(line.file);
+}
+
+}  // namespace
+
+bool isPlainWord(std::string_view text) {
+  return !text.empty() && text.find_first_not_of(
+                              "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+                              "0123456789@%+=:,./_-") == std::string_view::npos;
+}
+
+bool isPlainName(std::string_view name) {
+  return !name.empty() && name[0] != '-' &&
+         name.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-") ==
+             std::string::npos;
+}
+
+std::string quoted(std::string_view word) {
+  if (isPlainWord(word)) return std::string(word);
+  std::string text = "'";
+  for (const char c : word) {
+    if (c == '\'') {
+      text += R"('\'')";
+    } else {
+      text += c;
+    }
+  }
+  return text + "'";
+}
+
+Commands::Commands(const User& whose, const Side& thisSide, const Directory& itsDirectory,
+                   const Sshd& itsSshd, const Fact<Processes>& running)
+    : user(whose), side(thisSide), directory(itsDirectory), sshd(itsSshd), processes(running) {}
+
+std::string Commands::asUser(const std::string& script) const {
+  if (!isShowable(script)) return "";
+  const std::string typist = !user.typedBy.empty() ? user.typedBy : user.rootHelps ? "root" : user.name;
+  if (typist == user.name || (user.isRoot() && typist == "root")) return script;
+  if (user.isRoot()) return asRoot(script);
+  const std::string prefix = (typist == "root" ? "runuser -u " : "sudo -u ") + quoted(user.name) + " -- ";
+  return prefix + (isOneCommand(script) ? script : "sh -c " + quoted(script));
+}
+
+std::string Commands::asRoot(const std::string& script) const {
+  if (!isShowable(script)) return "";
+  const bool isRoot = user.rootHelps && (user.typedBy.empty() || user.typedBy == "root");
+  if (isRoot) return script;
+  return isOneCommand(script) ? "sudo " + script : "sudo sh -c " + quoted(script);
+}
+
+std::string Commands::onPeer(const std::string& command) const {
+  return command + "  # on " + side.peerAddress;
+}
+
+std::string Commands::pairAgain() const {
+  const bool runs = processes && !processes->programs.empty();
+  // A second dorve-server would replace the key of the first one and then wait for its port.
+  if (side.role == Role::SERVER && runs) return onPeer("dorve-client");
+  const std::string typist = !user.typedBy.empty() ? user.typedBy : user.rootHelps ? "root" : user.name;
+  std::string command = side.program;
+  if (user.isRoot() && typist != "root" && !user.typedBy.empty()) {
+    command = "sudo " + command;
+  } else if (!user.isRoot() && typist != user.name) {
+    command = (typist == "root" ? "runuser -l " : "sudo -i -u ") + quoted(user.name) +
+              (typist == "root" ? " -c " : " ") + command;
+  }
+  if (!isShowable(command)) return "";
+  if (side.role == Role::CLIENT) return command + "  # first start dorve-server on " + side.peerAddress;
+  return command + "  # then dorve-client on " + side.peerAddress;
+}
+
+std::string Commands::doctorThere(const std::string& name) const {
+  const std::string whose = name.empty() ? user.name : name;
+  const bool isRoots = whose == "root" || !isPlainName(whose);
+  const bool needsSudo = !user.isRoot() || (!user.typedBy.empty() && user.typedBy != "root");
+  return onPeer((needsSudo ? "sudo dorve-doctor " : "dorve-doctor ") +
+                (isRoots ? "" : "--user " + whose + " ") + (side.role == Role::CLIENT ? "server" : "client"));
+}
+
+bool Commands::isInHome(const std::string& path) const {
+  const std::string& home = directory.canonicalHome;
+  return home.size() > 1 && (path == home || path.starts_with(home + "/"));
+}
+
+std::string Commands::asRootAt(const FileInfo& file, const std::string& change) const {
+  if (!isInHome(file.real) || !isPlainName(user.name)) return "";
+  if (user.isRoot()) return asRoot(change + " " + quoted(file.real));
+  // The user could put a link in the place of a directory before root runs the command.
+  const std::size_t slash = file.real.rfind('/');
+  const std::string folder = quoted(file.real.substr(0, slash));
+  return asRoot("(cd -P " + folder + " && [ \"$(pwd -P)\" = " + folder + " ] && " + change + " " +
+                quoted("./" + file.real.substr(slash + 1)) + ")");
+}
+
+std::string Commands::changeMode(const FileInfo& file, const std::string& mode) const {
+  if (file.owner != user.id && !user.isRoot()) return takeOwnership(file);
+  return isInHome(file.real) ? asUser("chmod " + mode + " " + quoted(file.real)) : "";
+}
+
+std::string Commands::takeOwnership(const FileInfo& file) const {
+  return asRootAt(file, "chown -h " + user.name + ":");
+}
+
+std::string Commands::removeFlag(const FileInfo& file) const {
+  return asRootAt(file, std::string("chattr -") + file.flag);
+}
+
+std::string Commands::remount(const FileInfo& file) const {
+  if (!isInHome(file.real)) return "";
+  return asRoot("mount -o remount,rw \"$(findmnt -n -o TARGET -T " + quoted(file.real) + ")\"");
+}
+
+std::string Commands::useHome() const {
+  const std::string command = "export HOME=" + quoted(user.home);
+  return isShowable(command) ? command : "";
+}
+
+std::string Commands::moveAway(const std::string& path) const {
+  return asUser("mv -n " + quoted(path) + " " + quoted(path + ".old"));
+}
+
+std::string Commands::testSshd() const {
+  std::string script = std::string(kSshd) + " -t";
+  for (const std::string& word : sshd.testArguments) script += " " + quoted(word);
+  return script;
+}
+
+std::string Commands::reloadScript() const {
+  if (sshd.systemd) return testSshd() + " && systemctl try-reload-or-restart ssh";
+  const Process* running = processes ? processes->sshd() : nullptr;
+  if (running != nullptr) return testSshd() + " && " + signalScript(*running, "HUP");
+  return testSshd();  // it does not run, so it reads its configuration when it starts
+}
+
+std::string Commands::reloadSshd() const {
+  return asRoot(reloadScript());
+}
+
+std::string Commands::writeScript(const std::string& name, const std::vector<std::string>& lines) const {
+  return printLines(lines) + " >/etc/ssh/dorve-" + toLower(name) + ".conf && " +
+         putFirst("Include /etc/ssh/dorve-*.conf", sshd.configFile) + " && " + reloadScript();
+}
+
+std::string Commands::setForLogin(const std::string& keyword, const std::string& value) const {
+  // A value may be the name of a group. In sshd's lists, blanks, quotes and patterns have a meaning.
+  const bool isList = keyword == "AllowGroups" && !isPlainName(value);
+  if (!isPlainName(user.name) || isList) return "";
+  return asRoot(writeScript(
+      keyword + "-" + user.name,
+      {"Match User " + user.name + " Address " + side.peerAddress, "    " + keyword + " " + value}));
+}
+
+std::string Commands::setForAll(const std::string& keyword, const std::string& value) const {
+  return asRoot(writeScript(keyword, {keyword + " " + value}));
+}
+
+std::string Commands::disableForSsh(const FaultyLine& line) const {
+  // The user's configuration can make ssh name any file, so root edits only ssh's own.
+  const bool isSystems =
+      line.file == "/etc/ssh/ssh_config" || line.file.starts_with("/etc/ssh/ssh_config.d/");
+  const std::string script = disableScript(line);
+  return script.empty() ? "" : isSystems ? asRoot(script) : asUser(script);
+}
+
+std::string Commands::disableForSshd(const FaultyLine& line) const {
+  const bool isKnown =
+      std::ranges::any_of(sshd.lines, [&](const ConfigLine& each) { return each.file == line.file; });
+  const std::string script = disableScript(line);
+  return isKnown && !script.empty() ? asRoot(script) : "";
+}
+
+std::string Commands::splitKeyLine(int number) const {
+  const std::string script = "sed --follow-symlinks -i '" + std::to_string(number) +
+                             R"(s/^\(.*[^ \t]\)\(ssh-ed25519 AAAA\)/\1\n\2/' )" +
+                             quoted(directory.authorizedKeys.path);
+  return asUser(script);
+}
+
+std::string Commands::disableKeyword(const std::string& keyword) const {
+  const auto line = std::ranges::find_if(
+      sshd.lines, [&](const ConfigLine& each) { return each.keyword == toLower(keyword) && !each.inMatch; });
+  if (line == sshd.lines.end()) return "";
+  return asRoot("sed --follow-symlinks -i '" + std::to_string(line->number) + "s/^[^#]/#&/' " +
+                quoted(line->file) + " && " + reloadScript());
+}
+
+std::string Commands::setForSsh(const std::string& name, const std::vector<std::string>& lines) const {
+  std::vector<std::string> block = {side.hostLine()};
+  for (const std::string& line : lines) block.push_back("    " + line);
+  return asUser(printLines(block) + " >" + quoted(directory.path + "/dorve-" + name + ".conf") + " && " +
+                putFirst("Include dorve-*.conf", directory.config.path));
+}
+
+std::string Commands::allowInHosts() const {
+  return asRoot(putFirst("sshd: " + side.peerAddress, "/etc/hosts.allow"));
+}
+
+std::string Commands::allowPackets(const Chain& chain, const std::string& rule) {
+  // nft reads its arguments as one text, so a name could hold commands.
+  if (!isPlainName(chain.table) || !isPlainName(chain.name)) return "";
+  const std::string place = chain.family + " " + quoted(chain.table) + " " + quoted(chain.name);
+  const std::string mark = contains(rule, "established") ? "dorve-answers" : "dorve";
+  return "{ nft list chain " + place + " | grep -qF " + quoted("\"" + mark + "\"") + " || nft insert rule " +
+         place + " " + rule + " accept comment " + mark + "; }";
+}
+
+std::string Commands::makeHostKeys() const {
+  const bool areNamed =
+      std::ranges::any_of(sshd.lines, [](const ConfigLine& line) { return line.keyword == "hostkey"; });
+  const std::string make = "ssh-keygen -A";
+  return areNamed ? asRoot(make + " && " + writeScript("HostKey", {"HostKey /etc/ssh/ssh_host_ed25519_key"}))
+                  : asRoot(make);
+}
+
+std::string Commands::reinstallSshd() const {
+  return asRoot("apt-get install --reinstall --yes -o Dpkg::Options::=--force-confmiss openssh-server");
+}
+
+std::string Commands::resume(const Process& process) const {
+  return asRoot(signalScript(process, "CONT"));
+}
+
+std::string Commands::showRefusal() const {
+  std::string script = std::string(kSshd) + " -d -o ListenAddress=" + side.ownAddress + ":2222";
+  for (const std::string& word : sshd.testArguments) script += " " + quoted(word);
+  return asRoot(script);
+}
+
+std::string Commands::startSshd() const {
+  if (!sshd.installed) return asRoot("apt-get install --yes openssh-server");
+  if (sshd.systemd) return asRoot(testSshd() + " && systemctl enable --now ssh");
+  return asRoot(std::string("mkdir -p -m 755 /run/sshd && ") + testSshd() + " && " + kSshd);
+}
+
+std::string Commands::end(const std::vector<Process>& targets) const {
+  std::vector<std::string> scripts;
+  for (const Process& process : targets) {
+    if (process.program.empty() || contains(process.program, "/sshd") || process.pid <= 1) return "";
+    scripts.push_back(signalScript(process, ""));
+  }
+  return scripts.empty() ? "" : asRoot(join(scripts, "; "));
+}
+
+}  // namespace dorve

@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: MIT
+#include <sys/statvfs.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include "dorve/client/ssh_directory.h"
+#include "dorve/gather/files.h"
+#include "dorve/gather/subjects.h"
+#include "dorve/keys/key_material.h"
+
+namespace dorve {
+namespace {
+
+void measureSpace(Directory& directory, bool isRoot) {
+  struct statvfs space = {};
+  if (statvfs(directory.path.c_str(), &space) != 0) {
+    directory.spaceError = std::strerror(errno);
+    return;
+  }
+  directory.readOnly = (space.f_flag & ST_RDONLY) != 0;
+  directory.noFilesLeft = space.f_files != 0 && (isRoot ? space.f_ffree : space.f_favail) == 0;
+  if (space.f_blocks != 0) {
+    directory.bytesFree = std::uint64_t{isRoot ? space.f_bfree : space.f_bavail} * space.f_frsize;
+  }
+}
+
+}  // namespace
+
+Directory gatherDirectory(const User& user) {
+  Directory directory;
+  for (const std::string& path : sshDirectoryCandidates()) {
+    directory.candidates.push_back(inspect(path));
+    if (directory.path.empty() && directory.candidates.back().type == FileInfo::Type::DIRECTORY) {
+      directory.path = path;
+    }
+  }
+  directory.ofHome = inspect(user.home + "/.ssh");
+  directory.canonicalHome = canonical(user.home);
+  if (directory.path.empty()) return directory;
+
+  std::error_code error;
+  directory.isOfHome = std::filesystem::equivalent(directory.path, directory.ofHome.path, error);
+  directory.parents = inspectUpTo(directory.path, directory.canonicalHome);
+  measureSpace(directory, user.isRoot());
+  directory.authorizedKeys = inspect(directory.path + "/authorized_keys");
+  directory.config = inspect(directory.path + "/config");
+  directory.privateKey = inspect(directory.path + "/" + kPairingKeyName);
+  directory.publicKey = inspect(directory.privateKey.path + ".pub");
+  directory.keysParents = inspectUpTo(directory.authorizedKeys.path, directory.canonicalHome);
+  return directory;
+}
+
+}  // namespace dorve

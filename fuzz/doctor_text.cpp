@@ -237,6 +237,7 @@ class Filler {
   Firewall makeFirewall() {
     constexpr const char* kVerdicts[] = {"accept", "drop", "reject", "jump", "goto", "return", ""};
     Firewall firewall(pick<std::size_t>(2));
+    std::string last;  // the kernel allows no loops, so a chain jumps only to the one before it
     for (Chain& chain : firewall) {
       chain.family = "inet";
       chain.table = text();
@@ -247,9 +248,10 @@ class Filler {
         Rule rule;
         rule.conditions = {{flip() ? "tcp dport" : "ip saddr", flip(), texts()}};
         rule.verdict = kVerdicts[pick<int>(6)];
-        if (rule.verdict == "jump" || rule.verdict == "goto") rule.target = chain.name;
+        if (rule.verdict == "jump" || rule.verdict == "goto") rule.target = last;
         chain.rules.push_back(rule);
       }
+      last = chain.name;
     }
     return firewall;
   }

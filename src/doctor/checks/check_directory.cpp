@@ -60,7 +60,7 @@ Finding missingDirectory(const User& user, const Side& side, const Directory& di
   const std::string make = "mkdir -m 700 " + quoted(path);
   if (directory.ofHome.type != FileInfo::Type::MISSING || directory.ofHome.dangling) {
     return {Verdict::FAIL, "ssh-dir", found, side.program + " does not create this directory",
-            commands.asUser("mv -n " + quoted(path) + " " + quoted(path + ".old") + " && " + make)};
+            commands.asUser("mv -nT " + quoted(path) + " " + quoted(path + ".old") + " && " + make)};
   }
   return {Verdict::FAIL, "ssh-dir", found, side.program + " does not create this directory",
           commands.asUser(make)};
@@ -105,9 +105,10 @@ std::optional<Finding> judgeModes(const char* name, const std::vector<FileInfo>&
       finding.cause = "ssh and sshd reject files that others could have written";
       finding.command = commands.changeMode(file, "go-w");
     }
-    if (finding.command.empty())
+    if (finding.command.empty()) {
       finding.cause +=
           "; it is outside the home directory: fix it by hand, or move the SSH files into the home";
+    }
     return finding;
   }
   return std::nullopt;

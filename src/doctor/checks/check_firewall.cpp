@@ -12,7 +12,7 @@ namespace {
 
 using Packet = std::map<std::string, std::string>;
 
-constexpr int kMaxJumps = 16;  // as in the kernel
+constexpr int kMaxJumps = 6;  // deeper rules are unknown, so that the time stays bounded
 
 enum class Fate : std::uint8_t {
   ACCEPTED,
@@ -101,6 +101,7 @@ Fate fateOf(const Firewall& firewall, const Chain& chain, const Rule& rule, cons
 Fate follow(const Firewall& firewall, const Chain& chain, const Packet& packet, int depth) {
   bool mayAccept = false;
   bool mayDrop = false;
+  bool mayReturn = false;
   for (const Rule& rule : chain.rules) {
     const Match match = matches(rule, packet);
     if (match == Match::NO || rule.verdict.empty()) continue;
@@ -109,12 +110,14 @@ Fate follow(const Firewall& firewall, const Chain& chain, const Packet& packet, 
     const bool isDoubtful =
         match == Match::UNKNOWN || fate == Fate::UNKNOWN || fate == Fate::PERHAPS_ACCEPTED;
     if (isDoubtful) {
-      mayAccept = mayAccept || fate != Fate::DROPPED;
+      mayReturn = mayReturn || fate == Fate::RETURNED;
+      mayAccept = mayAccept || (fate != Fate::DROPPED && fate != Fate::RETURNED);
       mayDrop = mayDrop || fate == Fate::DROPPED || fate == Fate::UNKNOWN;
       continue;
     }
     if (fate == Fate::RETURNED) break;
-    return (fate == Fate::ACCEPTED ? mayDrop : mayAccept) ? Fate::UNKNOWN : fate;
+    if (fate == Fate::ACCEPTED && !mayDrop) return mayReturn ? Fate::PERHAPS_ACCEPTED : fate;
+    return fate == Fate::DROPPED && !mayAccept && !mayReturn ? fate : Fate::UNKNOWN;
   }
   if (mayDrop) return Fate::UNKNOWN;
   return mayAccept ? Fate::PERHAPS_ACCEPTED : Fate::RETURNED;

@@ -94,7 +94,8 @@ Finding judgeLoginHere(const Known& known) {
   if (contains(words, "Identity file")) {
     finding.cause = "the other device has no pairing key";
     finding.command = known.commands.pairAgain();
-  } else if (contains(words, "Permission denied") && accepted && !known.sshd.changedSinceStart) {
+  } else if (contains(words, "Permission denied") && accepted &&
+             checkSshdConfig(known).verdict == Verdict::OK && !known.sshd.changedSinceStart) {
     finding.cause = "sshd accepts the key in authorized_keys, so the other device has a different key";
     finding.command = known.commands.pairAgain();
   } else if (login.backAccepted) {

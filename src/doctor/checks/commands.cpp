@@ -31,7 +31,7 @@ bool isShowable(std::string_view text) {
   while (!text.empty()) {
     const auto [character, size] = decode(text);
     const bool isShown = std::ranges::any_of(
-        kShown, [&](const auto& range) { return character >= range.first && character <= range.second; });
+        kShown, [at = character](const auto& range) { return at >= range.first && at <= range.second; });
     if (size == 0 || !isShown) return false;
     text.remove_prefix(size);
   }
@@ -112,7 +112,7 @@ Commands::Commands(const User& whose, const Side& thisSide, const Directory& its
     : user(whose), side(thisSide), directory(itsDirectory), sshd(itsSshd), processes(running) {}
 
 std::string Commands::asUser(const std::string& script) const {
-  if (!isShowable(script)) return "";
+  if (!isShowable(script) || !isShowable(user.name)) return "";
   const std::string typist = !user.typedBy.empty() ? user.typedBy : user.rootHelps ? "root" : user.name;
   if (typist == user.name || (user.isRoot() && typist == "root")) return script;
   if (user.isRoot()) return asRoot(script);
@@ -195,7 +195,7 @@ std::string Commands::useHome() const {
 }
 
 std::string Commands::moveAway(const std::string& path) const {
-  return asUser("mv -n " + quoted(path) + " " + quoted(path + ".old"));
+  return asUser("mv -nT " + quoted(path) + " " + quoted(path + ".old"));
 }
 
 std::string Commands::testSshd() const {

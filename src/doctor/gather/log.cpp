@@ -39,7 +39,9 @@ Fact<std::vector<std::string>> readLog(const Sshd& sshd, const Deadline& deadlin
 std::string writerOf(const std::string& line) {
   const std::size_t start = line.find("sshd");
   const std::size_t end = line.find("]: ", start);
-  return start == std::string::npos || end == std::string::npos ? "" : line.substr(start, end + 1 - start);
+  const bool isKnown = start != std::string::npos && end != std::string::npos;
+  // sshd's own log file has no prefix. Then each line stands alone.
+  return isKnown ? line.substr(start, end + 1 - start) : line;
 }
 
 std::string wordsOf(const std::string& line) {

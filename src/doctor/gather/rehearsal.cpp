@@ -105,7 +105,9 @@ bool isRoutine(const std::string& line) {
                                       "Failed publickey ", "Failed none ",          "Postponed publickey ",
                                       "Accepted key ",     "Disconnected from ",    "Received disconnect "};
   if (line.starts_with("debug1: /") && !contains(line, "matching key found")) return false;
-  if (line.starts_with("debug1: Could not open") || contains(line, "tcp wrapper")) return false;
+  if ((line.starts_with("debug1: Could not open") && !contains(line, "No such file")) ||
+      contains(line, "tcp wrapper"))
+    return false;
   return line.starts_with("debug") ||
          std::ranges::any_of(kRoutine, [&](const char* start) { return line.starts_with(start); });
 }

@@ -69,7 +69,7 @@ std::string cut(const std::string& line, std::size_t width) {
 
 std::string lineOf(const Finding& finding, const Style& style) {
   const VerdictStyle& verdict = styleOf(finding.verdict);
-  const std::string line =
+  std::string line =
       cut(padded(verdict.word, 6) + padded(finding.name, kNameWidth) + printable(finding.found), style.width);
   if (!style.colour) return line;
   const std::size_t word = std::min(std::string_view(verdict.word).size(), line.size());

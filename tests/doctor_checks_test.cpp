@@ -525,8 +525,8 @@ TEST(DoctorSshd, SaysWhyItRefuses) {
   };
   for (const auto& [words, found] : reasons)
     Check{"sshd-config", paired}.finds(
-        {{[&](Device& d) {
-            d.user.group = "staff", d.sshd.rehearsal = Rehearsal{false, true, {words}};
+        {{[&, line = words](Device& d) {
+            d.user.group = "staff", d.sshd.rehearsal = Rehearsal{false, true, {line}};
           },
           found}});
   static const auto say = [](Device& d, bool ours, const std::string& words) {
@@ -566,7 +566,7 @@ TEST(DoctorSshd, HasSettingsThatLetThisUserIn) {
       {"forcecommand false", "warn: ForceCommand false $ ForceCommand none'"},
   };
   for (const auto& [text, found] : settings)
-    Check{"sshd-config", paired}.finds({{[&](Device& d) { setSshd(d, text); }, found}});
+    Check{"sshd-config", paired}.finds({{[setting = text](Device& d) { setSshd(d, setting); }, found}});
   Check{"sshd-config", refused}.finds({
       {WITH(setSshd(d, "forcecommand false")), "ForceCommand false"},
       {WITH(setSshd(d, "maxstartups 10:30:100\npersourcemaxstartups none\nlogingracetime 120")),
@@ -733,7 +733,7 @@ TEST(DoctorLogin, ExplainsTheWordsOfSsh) {
        "packets are lost: by a firewall here or there, or because they are too large for the link"},
   };
   for (const auto& [words, expected] : reasons)
-    EXPECT_EQ(cause("login", [&](Device& d) { d.login.words = {words}; }), expected);
+    EXPECT_EQ(cause("login", [&, words = words](Device& d) { d.login.words = {words}; }), expected);
   static const auto say = [](Device& d, const char* words) { d.login.backWords = split(words, "\n"); };
   EXPECT_EQ(cause("login-here", WITH(say(d, "Identity file x"))), "the other device has no pairing key");
   EXPECT_EQ(cause("login-here", paired),

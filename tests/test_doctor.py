@@ -258,7 +258,7 @@ def plain(text):
     """The text with N in place of numbers and fingerprints, and MAC in place of hardware addresses. The programs and
     Python appear as on a usual Debian system."""
     text = re.sub(r"(process |/proc/|kill |kill -[A-Z]+ |python3\.)\d+", r"\1N", re.sub(r"(SHA256:)\S+", r"\1N", text))
-    text = re.sub(r"\S+/(dorve-\w+)", r"/usr/bin/\1", re.sub(r"\d+ KiB", "N KiB", text))
+    text = re.sub(r"[^\s>]+/(dorve-(?:client|server)) ", r"/usr/bin/\1 ", re.sub(r"\d+ KiB", "N KiB", text))
     return re.sub(r"(\w\w:){5}\w\w", "MAC", text)
 
 

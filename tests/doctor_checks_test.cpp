@@ -15,38 +15,6 @@ using enum PortState;
 using Type = FileInfo::Type;
 using Change = std::function<void(Device&)>;
 
-constexpr const char* kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZ_abcdefghijklmnopqrstuvwxyz";
-
-/// The words of causes and commands, except those with other characters than these.
-/// A word that is not here is misspelt or new.
-const std::vector<std::string> kWords = split(R"(
-a above accept accepts access add Address address AddressFamily adds again ageing all allow AllowGroups
-allows AllowUsers an and another answer answers anywhere are arp as asks at attempt attempts
-AuthenticationMethods authorized_keys AuthorizedKeysFile b bashrc be begins belongs between bindaddress
-BindInterface bindinterface block boot both bsab but by cable can cannot case cd chage chain change changes
-chattr chmod chown ChrootDirectory Ciphers client close command comment conf configuration connection
-connections connects continued ControlPath correct could create creates ct daddr damaged date default
-defaults del delete deleted DenyGroups DenyUsers dev device devices different directories directory disables
-do doctor does dorve down Dpkg dport drops e each earlier echo edit enable end ends enter established every
-exactly examines excludes ExitOnForwardFailure export f failed few field file files find findmnt firewall
-first fix fixed for ForceCommand forced forwarded from g give gives grep hand hangs has have here hold home
-HOME Host HostKeyAlgorithms hosts_access IdentityFile if ignore ignores iifname immediately in Include
-insert install installation interface into ip is it its itself keeps KexAlgorithms key keys kill knows large
-leave leaves let lets lifts limit line link list listen ListenAddress listens log login logins lookup lost
-MACs main makes Match match MaxAuthTries MaxSessions may missing mkdir more mount move MTU mtu mv name named
-names need needs neighbour neither network never new newline next nft no nobody nomaster none nor not
-nothing of oifname old on once one ones only Options or other others out outside over own packets pair
-pairing PAM pass passphrase password path perhaps permissions PermitRootLogin place port Port possible
-precedence preferredauthentications prevent printf prints priority private process programs pub
-PubkeyAcceptedAlgorithms PubkeyAuthentication publickey pwd ran reach read reason receives refuses reject
-rejects remount remove removed removes replace replaced report requires revoked RevokedKeys robo root route
-rule run running runs rw s saddr same says second seconds sed sees sent server session set sets settings
-shell sleep slow so socket somebody sport src ssh SSH sshd sshrc staff start started state still stop stops
-store such sudo systemctl takes TARGET tcp tell than that the their them then there they this those through
-to too tried true type until up use user User usermod users uses usual value values waits was what which
-while whose why with without works would writable write writes written wrong yes)",
-                                              " \n");
-
 constexpr const char* kVerdicts[] = {"ok: ", "warn: ", "", "skip: "};
 
 Findings judged(const std::vector<Change>& changes) {
@@ -92,10 +60,6 @@ struct Check {
         EXPECT_TRUE(explains || finding.name.starts_with("login") || contains(finding.found, "expired"))
             << finding.found << " has no cause";
         if (finding.name == name) found += (found.empty() ? "" : "\n") + show(finding, row.found);
-        for (const std::string& word : split(finding.cause + " " + finding.command, " ;:,.()'\"!="))
-          EXPECT_TRUE(word.find_first_not_of(kLetters) != std::string::npos ||
-                      std::ranges::count(kWords, word) == 1)
-              << '"' << word << "\" in: " << finding.cause;
       }
       EXPECT_EQ(found, row.found) << name;
       for (const Finding& finding : judged({prepare, row.change, &Device::proveLogins}))
@@ -720,20 +684,6 @@ TEST(DoctorLogin, ExplainsTheWordsOfSsh) {
       if (finding.name == check) return finding.cause;
     return std::string("nothing");
   };
-  const std::pair<const char*, const char*> reasons[] = {
-      {"a reason", ""},
-      {"Host key verification failed", "ssh checks the other device's host key, and does not know it"},
-      {"Too many authentication failures", "sshd there allows fewer attempts than ssh made"},
-      {"Unable to negotiate", "the ssh here and the sshd there have no such algorithm in common"},
-      {"banner exchange", "ssh connected, but no sshd answered"},
-      {"Connection refused", "no sshd listens there"},
-      {"Connection closed", "sshd there ended the connection; dorve-doctor on that device says why"},
-      {"Connection reset", "sshd there ended the connection; dorve-doctor on that device says why"},
-      {"timed out",
-       "packets are lost: by a firewall here or there, or because they are too large for the link"},
-  };
-  for (const auto& [words, expected] : reasons)
-    EXPECT_EQ(cause("login", [&, words = words](Device& d) { d.login.words = {words}; }), expected);
   static const auto say = [](Device& d, const char* words) { d.login.backWords = split(words, "\n"); };
   EXPECT_EQ(cause("login-here", WITH(say(d, "Identity file x"))), "the other device has no pairing key");
   EXPECT_EQ(cause("login-here", paired),

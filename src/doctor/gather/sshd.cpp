@@ -153,7 +153,7 @@ Sshd gatherSshd(const User& user, const Side& side, const Directory& directory,
   sshd.test = runCommand(test, deadline.leftMs(kCommandMs));
   sshd.settings = Settings(sshd.test.out);
   const auto other = std::ranges::find(arguments, "-f");
-  sshd.configFile = other == arguments.end() ? kSshdConfig : *(other + 1);
+  sshd.configFile = other == arguments.end() || other + 1 == arguments.end() ? kSshdConfig : *(other + 1);
   sshd.fault = faultIn(sshd.test);
   readConfig(sshd.configFile, false, {}, sshd.lines);
   sshd.changedSinceStart = changedSinceStart(sshd);

@@ -503,7 +503,7 @@ TEST(DoctorSshd, SaysWhyItRefuses) {
   Check{"sshd-config", paired}.finds({
       {WITH(negotiate(d, "host key", "hostkeyalgorithms")), "sshd: Unable to negotiate: no host key"},
       {WITH(negotiate(d, "key exchange", "kexalgorithms")),
-       "sshd: Unable to negotiate: no key exchange $ sed --follow-symlinks -i '4s/^[^#]/#&/' '/d e'"},
+       "sshd: Unable to negotiate: no key exchange $ sed --follow-symlinks -i '4{/^$/s/^/#/}' '/d e'"},
       {WITH(negotiate(d, "MAC", "macs")), "sshd: Unable to negotiate: no MAC"},
       {WITH(negotiate(d, "cipher", "ciphers")), "sshd: Unable to negotiate: no cipher"},
       {WITH(say(d, true, "listed in DenyUsers"), setLines(d, "denyusers", true)),
@@ -585,7 +585,7 @@ TEST(DoctorSshd, ListensOnTheLink) {
       {WITH(move(d, 22), setLines(d, "listenaddress", false)),
        "sshd listens on other addresses than 1.0.0.2 $ printf '%s\\n' 'ListenAddress 1.0.0.2:22'"},
       {WITH(move(d, 22), setLines(d, "addressfamily", false), setSshd(d, "addressfamily inet6")),
-       "sshd listens on other addresses than 1.0.0.2 $ sed --follow-symlinks -i '4s/^[^#]/#&/' '/d e'"},
+       "sshd listens on other addresses than 1.0.0.2 $ sed --follow-symlinks -i '4{/^$/s/^/#/}' '/d e'"},
       {WITH(move(d, 2222), d.sshd.arguments = " -D -p 2222"), "sshd listens on port 2222, not on 22 $ "},
       {WITH(move(d, 22), hold(d, "nc")), "nothing listens on port 22 of 1.0.0.2"},
       {WITH(close(d, "listenaddress 1.0.0.1:22\nlistenaddress 1.0.0.2:23")),
@@ -637,7 +637,7 @@ TEST(DoctorPairing, IsWhatSshUses) {
   };
   Check{"ssh-config", paired}.finds({
       {WITH(d.pairing.ssh = {}), "ssh is missing or cannot be started"},
-      {WITH(fail(d, "/h/.ssh/config", 2)), "bad $ sed --follow-symlinks -i '2s/^[^#]/#&/' /h/.ssh/config"},
+      {WITH(fail(d, "/h/.ssh/config", 2)), "bad $ sed --follow-symlinks -i '2{/^x$/s/^/#/}' /h/.ssh/config"},
       {WITH(fail(d, "", 0)), "bad $ "},
       {WITH(d.pairing.hasHostLine = false), "/h/.ssh/config has no Host 1.0.0.1 $ dorve-client"},
       {WITH(set(d, "bindinterface eth0")), "for 1.0.0.1 ssh uses BindInterface eth0 $ BindInterface bsab'"},

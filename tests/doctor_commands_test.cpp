@@ -140,7 +140,8 @@ TEST(DoctorCommands, TestSshdBeforeTheyReloadIt) {
             "ssh-keygen -A && printf '%s\\n' 'HostKey /etc/ssh/ssh_host_ed25519_key' "
             ">/etc/ssh/dorve-hostkey.conf && " +
                 include);
-  EXPECT_EQ(d.commands.disableKeyword("HostKey"), "sed --follow-symlinks -i '3s/^[^#]/#&/' '/c d'" + kReload);
+  EXPECT_EQ(d.commands.disableKeyword("HostKey"),
+            "sed --follow-symlinks -i '3{/^$/s/^/#/}' '/c d'" + kReload);
   EXPECT_EQ(d.commands.disableKeyword("Port"), "");
   d.sshd.testArguments = {"-o", "X y"};
   EXPECT_EQ(d.commands.startSshd(), "/usr/sbin/sshd -t -o 'X y' && systemctl enable --now ssh");
@@ -151,6 +152,10 @@ TEST(DoctorCommands, TestSshdBeforeTheyReloadIt) {
             "mkdir -p -m 755 /run/sshd && /usr/sbin/sshd -t -o 'X y' && /usr/sbin/sshd");
   d.processes.listeners.clear();
   EXPECT_EQ(d.commands.reloadSshd(), "/usr/sbin/sshd -t -o 'X y'");
+  for (const char* argument : {"x Y", "X=y"}) {
+    d.sshd.testArguments = {"-o", argument};
+    EXPECT_EQ(d.commands.setForLogin("X", "z") + d.commands.setForAll("X", "z"), "") << "no file changes it";
+  }
   d.sshd.installed = false;
   EXPECT_EQ(d.commands.startSshd(), "apt-get install --yes openssh-server");
   EXPECT_EQ(d.commands.setForLogin("AllowGroups", "a b"), "");
@@ -171,10 +176,10 @@ TEST(DoctorCommands, DisableNoLineThatBeginsABlock) {
   EXPECT_EQ(d.commands.disableForSshd({"/c", 1, "\xEF\xBB\xBFHost"}),
             "sed --follow-symlinks -i '1s/^\\xef\\xbb\\xbf//' /c");
   EXPECT_EQ(d.commands.disableForSsh({"/etc/ssh/ssh_config", 7, "x"}),
-            "sed --follow-symlinks -i '7s/^[^#]/#&/' /etc/ssh/ssh_config");
+            "sed --follow-symlinks -i '7{/^x$/s/^/#/}' /etc/ssh/ssh_config");
   d.user.name = "robo";
   EXPECT_EQ(d.commands.disableForSsh({"/etc/shadow", 7, "x"}),
-            "runuser -u robo -- sh -c 'sed --follow-symlinks -i '\\''7s/^[^#]/#&/'\\'' /etc/shadow'");
+            "runuser -u robo -- sh -c 'sed --follow-symlinks -i '\\''7{/^x$/s/^/#/}'\\'' /etc/shadow'");
 }
 
 TEST(DoctorCommands, AllowNoPacketsInAChainWithASpecialName) {
@@ -210,10 +215,11 @@ TEST(DoctorCommands, DoTheSameTheSecondTime) {
     EXPECT_EQ(readAll(folder + "/dorve-user.conf"), "Host 1.0.0.1\n    User $(id)\n    Port 7\n");
     EXPECT_EQ(readAll(keys), "#\nssh-ed25519 AAAA 1\nssh-ed25519 AAAA 2\n");
   }
-  std::ofstream(config) << "Host a\nBad\n";
-  const std::string disable = d.commands.disableForSsh({config, 2, "Bad"});
-  run(disable + " && " + disable + " && " + d.commands.setForSsh("port", {"Port 7"}));
-  EXPECT_EQ(readAll(config), "Include dorve-*.conf\nHost a\n#Bad\n");
+  const std::string bad = "\tBad.*[]/'\\1&^$";
+  std::ofstream(config) << "Host a\n" << bad << "\n";
+  const std::string disable = d.commands.disableForSsh({config, 2, bad});
+  run(disable + " && " + disable + " && " + d.commands.setForSsh("port", {"Port 7"}) + " && " + disable);
+  EXPECT_EQ(readAll(config), "Include dorve-*.conf\nHost a\n#" + bad + "\n");
   const std::string show = "ssh -T -G -F " + folder + "/dorve-port.conf ";
   EXPECT_TRUE(contains(run(show + "1.0.0.1"), "\nport 7\n"));
   EXPECT_TRUE(contains(run(show + "1.0.0.3"), "\nport 22\n"));
@@ -222,7 +228,7 @@ TEST(DoctorCommands, DoTheSameTheSecondTime) {
 
 TEST(DoctorText, ShowsFindingsAndWhatToDoFirst) {
   const std::vector<Finding> findings = {
-      {Verdict::OK, "user", "r\u00f6b\x1b\u009b\xff"},
+      {Verdict::OK, "user", "r\u00f6b\u202e\u009b\xff"},
       {Verdict::SKIP, "peer", "later", "", "next"},
       {Verdict::FAIL, "sshd", "\u65e5\u672c\u8a9e is long", "because it is so long", "fix\n"}};
   const std::string name = "r\u00f6b??\ufffd\n";

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // dorve-doctor: parses its arguments, gathers facts, judges them, prints the findings and returns the exit
 // status.
+#include <fcntl.h>
 #include <getopt.h>
 #include <signal.h>
 #include <unistd.h>
@@ -85,6 +86,13 @@ std::optional<Options> parseOptions(int count, char** arguments) {
   return options;
 }
 
+/// Opens /dev/null for each standard stream that the caller closed, so that no other file takes its number.
+void openStandardStreams() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (fcntl(fd, F_GETFD) == -1) open("/dev/null", O_RDWR);
+  }
+}
+
 int examine(const Options& options) {
   const dorve::Style style = dorve::Style::ofStandardOutput();
   dorve::cleanEnvironment();
@@ -105,6 +113,7 @@ int examine(const Options& options) {
 }  // namespace
 
 int main(int count, char** arguments) {
+  openStandardStreams();
   // The caller may have left SIGCHLD ignored. The kernel would then drop the exit status of commands.
   signal(SIGCHLD, SIG_DFL);
   const std::optional<Options> options = parseOptions(count, arguments);

@@ -25,6 +25,8 @@ constexpr Explanation kExplanations[] = {
      "packets are lost: by a firewall here or there, or because they are too large for the link"},
 };
 
+constexpr std::size_t kMaxQuoted = 300;  // bytes of what a shell of the other device prints
+
 std::string allWords(const Login& login) {
   if (!login.words.empty()) return join(login.words, "; ");
   return login.outcome.message();
@@ -59,12 +61,13 @@ Finding explainFailure(const Known& known) {
     return failed(words, "the line ssh-config says which settings prevent the login", "");
   }
   if (login.accepted) {
-    const std::vector<std::string> printed = linesOf(login.outcome.err + "\n" + login.outcome.out);
-    return failed("the key is accepted, but no command runs: " +
-                      (printed.empty() ? login.outcome.message() : "it prints " + join(printed, "; ")),
-                  "the user's shell there, a start-up file (such as .bashrc or sshrc) or a forced command "
-                  "ends the login or hangs",
-                  known.commands.doctorThere());
+    const std::string printed = join(linesOf(login.outcome.err + "\n" + login.outcome.out), "; ");
+    return failed(
+        "the key is accepted, but no command runs: " +
+            (printed.empty() ? login.outcome.message() : "it prints " + printed.substr(0, kMaxQuoted)),
+        "the user's shell there, a start-up file (such as .bashrc or sshrc) or a forced command "
+        "ends the login or hangs",
+        known.commands.doctorThere());
   }
   if (contains(words, "Permission denied") || !login.otherUser.empty()) return explainRefusal(known);
   if (login.outcome.end == Outcome::End::TIMED_OUT) {

@@ -39,8 +39,10 @@ Findings checkPeer(const Known& known) {
   const bool silent = known.peer->ssh == PortState::SILENT && known.peer->dorve == PortState::SILENT;
   const std::string neighbour = neighbourOf(known.link);
   if (silent && neighbour.empty()) {
+    // If the other device has this device's address instead, a doctor at the address of the peer is no help.
+    const bool hasOwn = known.link.answers && !known.link.answers->own.empty();
     return {{Verdict::FAIL, "peer", address + " does not answer on the link",
-             "no device on the link has this address", known.commands.doctorThere()}};
+             "no device on the link has this address", hasOwn ? "" : known.commands.doctorThere()}};
   }
   Findings findings = {
       {Verdict::OK, "peer",

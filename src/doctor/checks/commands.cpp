@@ -49,11 +49,16 @@ std::string firstWord(const std::string& line) {
   return toLower(std::string(start, std::find_if_not(start, line.end(), isLetter)));
 }
 
+/// A command and its arguments, each as one word.
+std::string withArguments(const std::string& command, const std::vector<std::string>& arguments) {
+  std::vector<std::string> words = {command};
+  for (const std::string& argument : arguments) words.push_back(quoted(argument));
+  return join(words, " ");
+}
+
 /// `printf` with each line as one argument, so that nothing in a line is special.
 std::string printLines(const std::vector<std::string>& lines) {
-  std::string script = "printf '%s\\n'";
-  for (const std::string& line : lines) script += " " + quoted(line);
-  return script;
+  return withArguments("printf '%s\\n'", lines);
 }
 
 /// Puts a line at the front of a file, unless the file already has it.
@@ -71,13 +76,32 @@ std::string signalScript(const Process& process, const std::string& signal) {
                                  : "[ /proc/" + id + "/exe -ef " + quoted(process.program) + " ] && " + kill;
 }
 
+/// The text as a basic regular expression that matches it. A control character matches any character, because
+/// no command may hold one.
+std::string asPattern(const std::string& text) {
+  std::string pattern;
+  for (const char c : text) {
+    if (std::string_view(R"(\/.*[]^$)").find(c) != std::string_view::npos) pattern += '\\';
+    pattern += static_cast<unsigned char>(c) < ' ' || c == '\x7F' ? '.' : c;
+  }
+  return pattern;
+}
+
+/// Edits a line if it still has the text that the doctor saw. Another command may have moved it meanwhile.
+std::string editScript(const std::string& file, int number, const std::string& text,
+                       const std::string& change) {
+  return "sed --follow-symlinks -i " +
+         quoted(std::to_string(number) + "{/^" + asPattern(text) + "$/" + change + "}") + " " + quoted(file);
+}
+
 /// Turns a line into a comment, or removes a byte order mark before it. Empty for a line that begins a block.
 std::string disableScript(const FaultyLine& line) {
   const std::string word = firstWord(line.text);
-  const bool isMarked = line.text.starts_with(kByteOrderMark);
-  if (line.number == 0 || (!isMarked && (word == "host" || word == "match"))) return "";
-  return "sed --follow-symlinks -i '" + std::to_string(line.number) +
-         (isMarked ? R"(s/^\xef\xbb\xbf//)" : "s/^[^#]/#&/") + "' " + quoted(line.file);
+  if (line.text.starts_with(kByteOrderMark)) {
+    return R"(sed --follow-symlinks -i '1s/^\xef\xbb\xbf//' )" + quoted(line.file);
+  }
+  if (line.number == 0 || word == "host" || word == "match") return "";
+  return editScript(line.file, line.number, line.text, "s/^/#/");
 }
 
 }  // namespace
@@ -199,9 +223,14 @@ std::string Commands::moveAway(const std::string& path) const {
 }
 
 std::string Commands::testSshd() const {
-  std::string script = std::string(kSshd) + " -t";
-  for (const std::string& word : sshd.testArguments) script += " " + quoted(word);
-  return script;
+  return withArguments(std::string(kSshd) + " -t", sshd.testArguments);
+}
+
+bool Commands::isArgument(const std::string& keyword) const {
+  return std::ranges::any_of(sshd.testArguments, [&](const std::string& word) {
+    const std::string name = toLower(word.substr(0, keyword.size()));
+    return name == toLower(keyword) && word.find_first_of("= ") == keyword.size();
+  });
 }
 
 std::string Commands::reloadScript() const {
@@ -223,13 +252,14 @@ std::string Commands::writeScript(const std::string& name, const std::vector<std
 std::string Commands::setForLogin(const std::string& keyword, const std::string& value) const {
   // A value may be the name of a group. In sshd's lists, blanks, quotes and patterns have a meaning.
   const bool isList = keyword == "AllowGroups" && !isPlainName(value);
-  if (!isPlainName(user.name) || isList) return "";
+  if (!isPlainName(user.name) || isList || isArgument(keyword)) return "";
   return asRoot(writeScript(
       keyword + "-" + user.name,
       {"Match User " + user.name + " Address " + side.peerAddress, "    " + keyword + " " + value}));
 }
 
 std::string Commands::setForAll(const std::string& keyword, const std::string& value) const {
+  if (isArgument(keyword)) return "";
   return asRoot(writeScript(keyword, {keyword + " " + value}));
 }
 
@@ -259,8 +289,7 @@ std::string Commands::disableKeyword(const std::string& keyword) const {
   const auto line = std::ranges::find_if(
       sshd.lines, [&](const ConfigLine& each) { return each.keyword == toLower(keyword) && !each.inMatch; });
   if (line == sshd.lines.end()) return "";
-  return asRoot("sed --follow-symlinks -i '" + std::to_string(line->number) + "s/^[^#]/#&/' " +
-                quoted(line->file) + " && " + reloadScript());
+  return asRoot(editScript(line->file, line->number, line->text, "s/^/#/") + " && " + reloadScript());
 }
 
 std::string Commands::setForSsh(const std::string& name, const std::vector<std::string>& lines) const {
@@ -300,9 +329,8 @@ std::string Commands::resume(const Process& process) const {
 }
 
 std::string Commands::showRefusal() const {
-  std::string script = std::string(kSshd) + " -d -o ListenAddress=" + side.ownAddress + ":2222";
-  for (const std::string& word : sshd.testArguments) script += " " + quoted(word);
-  return asRoot(script);
+  return asRoot(withArguments(std::string(kSshd) + " -d -o ListenAddress=" + side.ownAddress + ":2222",
+                              sshd.testArguments));
 }
 
 std::string Commands::startSshd() const {

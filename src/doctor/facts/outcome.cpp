@@ -15,7 +15,7 @@ constexpr std::size_t kMaxMessage = 1024;  // bytes
 std::string Outcome::message() const {
   if (end == End::NOT_FOUND) return "not found";
   if (end == End::TIMED_OUT) return "timed out";
-  const std::vector<std::string> lines = linesOf(err + '\n' + out);
+  const std::vector<std::string> lines = spokenLines(err + '\n' + out);
   return lines.empty() ? "exit status " + std::to_string(status) : lines.front().substr(0, kMaxMessage);
 }
 

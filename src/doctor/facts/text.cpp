@@ -43,4 +43,10 @@ std::vector<std::string> linesOf(std::string_view text) {
   return lines;
 }
 
+std::vector<std::string> spokenLines(std::string_view text) {
+  std::vector<std::string> lines = linesOf(text);
+  std::erase_if(lines, [](const std::string& line) { return line.starts_with('@'); });
+  return lines;
+}
+
 }  // namespace dorve

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -32,7 +33,11 @@ Directory gatherDirectory(const User& user) {
   Directory directory;
   for (const std::string& path : sshDirectoryCandidates()) {
     directory.candidates.push_back(inspect(path));
-    if (directory.path.empty() && directory.candidates.back().type == FileInfo::Type::DIRECTORY) {
+    const FileInfo& candidate = directory.candidates.back();
+    // Root can enter directories that the user can't.
+    const bool isOthers =
+        geteuid() == 0 && !user.isRoot() && candidate.owner != user.id && path != user.home + "/.ssh";
+    if (directory.path.empty() && candidate.type == FileInfo::Type::DIRECTORY && !isOthers) {
       directory.path = path;
     }
   }

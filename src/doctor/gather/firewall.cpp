@@ -9,7 +9,7 @@ namespace dorve {
 namespace {
 
 using Json = nlohmann::json;
-using Sets = std::map<std::string, Json>;
+using Sets = std::map<std::string, Json>;  // by family, table and name
 
 constexpr int kNftMs = 1500;
 
@@ -31,12 +31,13 @@ std::string fieldOf(const Json& left) {
   return textOf(left.at("payload")["protocol"]) + " " + textOf(left.at("payload")["field"]);
 }
 
-Condition conditionOf(const Json& match, const Sets& sets) {
+/// The sets of one table are `table` and a name in `sets`.
+Condition conditionOf(const Json& match, const std::string& table, const Sets& sets) {
   Condition condition = {fieldOf(match.at("left")), match.at("op") == "!=", {}};
   const std::string op = match.at("op");
   Json right = match.at("right");
   if (right.is_string() && right.get<std::string>().starts_with('@')) {
-    const auto known = sets.find(right.get<std::string>().substr(1));
+    const auto known = sets.find(table + right.get<std::string>().substr(1));
     right = known == sets.end() ? Json() : known->second;
   }
   if (right.is_null() || (op != "==" && op != "!=" && op != "in")) condition.field.clear();
@@ -46,12 +47,12 @@ Condition conditionOf(const Json& match, const Sets& sets) {
   return condition;
 }
 
-Rule ruleOf(const Json& expressions, const Sets& sets) {
+Rule ruleOf(const Json& expressions, const std::string& table, const Sets& sets) {
   Rule rule;
   for (const Json& expression : expressions) {
     const std::string kind = expression.empty() ? "" : expression.begin().key();
     if (kind == "match") {
-      rule.conditions.push_back(conditionOf(expression.at("match"), sets));
+      rule.conditions.push_back(conditionOf(expression.at("match"), table, sets));
       rule.understood = rule.understood && !rule.conditions.back().field.empty();
     } else if (kind == "jump" || kind == "goto") {
       rule.verdict = kind;
@@ -72,12 +73,20 @@ Rule ruleOf(const Json& expressions, const Sets& sets) {
   return rule;
 }
 
+/// The table of a set or a rule, as the front of a key of `Sets`.
+std::string tableOf(const Json& entry) {
+  return textOf(entry.at("family")) + " " + textOf(entry.at("table")) + " ";
+}
+
 Firewall parse(const std::string& text) {
   const Json listing = Json::parse(text)["nftables"];
   Firewall firewall;
   Sets sets;
   for (const Json& entry : listing) {
-    if (entry.contains("set")) sets[entry.at("set")["name"]] = entry.at("set").value("elem", Json::array());
+    if (entry.contains("set")) {
+      const Json& set = entry.at("set");
+      sets[tableOf(set) + textOf(set.at("name"))] = set.value("elem", Json::array());
+    }
     if (entry.contains("chain")) {
       const Json& chain = entry.at("chain");
       firewall.push_back({chain.at("family"),
@@ -93,7 +102,7 @@ Firewall parse(const std::string& text) {
       if (chain.family != rule.at("family") || chain.table != rule.at("table") ||
           chain.name != rule.at("chain"))
         continue;
-      chain.rules.push_back(ruleOf(rule.at("expr"), sets));
+      chain.rules.push_back(ruleOf(rule.at("expr"), tableOf(rule), sets));
     }
   }
   return firewall;

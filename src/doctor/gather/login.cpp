@@ -78,7 +78,7 @@ Attempt attempt(std::vector<std::string> options, const std::string& command, co
   Attempt result;
   Command ssh(words, {"", -1, true});
   result.outcome = ssh.finish(deadline.leftMs(std::max(kLoginMs, side.timeoutMs)));
-  result.words = linesOf(ssh.log());
+  result.words = spokenLines(ssh.log());
   result.accepted = std::ranges::any_of(result.words, saysAccepted);
   std::erase_if(result.words, isRoutine);
   return result;
@@ -152,7 +152,7 @@ Login gatherLogin(const User& user, const Side& side, const Directory& directory
   if (login.proven) {
     login.backTried = isPlainName(user.name);
     login.backProven = printsLine(first.outcome.out, kBackToken);
-    login.backWords = linesOf(first.outcome.err);
+    login.backWords = spokenLines(first.outcome.err);
     login.backAccepted = std::ranges::any_of(login.backWords, saysAccepted);
     std::erase_if(login.backWords, isRoutine);
     return login;

@@ -40,16 +40,28 @@ std::string toJsonText(const nlohmann::ordered_json& value) {
   return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-/// The text in UTF-8, with '?' for each control character, U+0080 to U+009F among them,
-/// and U+FFFD for each byte that is not valid UTF-8.
+/// The size in bytes of the character at the front of a text in UTF-8 if a terminal would not show it, or
+/// would show the text after it differently: control characters and U+200B to U+206F. Otherwise 0.
+std::size_t sizeOfControl(std::string_view text) {
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  if (byte(0) < ' ' || byte(0) == 0x7F) return 1;
+  if (byte(0) == 0xC2 && byte(1) < 0xA0) return 2;
+  if (byte(0) != 0xE2) return 0;
+  const bool isInvisible = (byte(1) == 0x80 && byte(2) >= 0x8B && byte(2) <= 0x8F) ||
+                           (byte(1) == 0x80 && byte(2) >= 0xA8 && byte(2) <= 0xAF) ||
+                           (byte(1) == 0x81 && byte(2) >= 0xA0 && byte(2) <= 0xAF);
+  return isInvisible ? 3 : 0;
+}
+
+/// The text in UTF-8, with '?' for each of these characters, and U+FFFD for each byte that is not valid
+/// UTF-8.
 std::string printable(const std::string& text) {
   const std::string valid = nlohmann::json::parse(toJsonText(text)).get<std::string>();
   std::string result;
-  for (std::size_t i = 0; i < valid.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(valid[i]);
-    const bool isC1 = byte == 0xC2 && static_cast<unsigned char>(valid[i + 1]) < 0xA0;
-    result += byte < ' ' || byte == 0x7F || isC1 ? '?' : valid[i];
-    i += isC1 ? 1 : 0;
+  for (std::size_t i = 0; i < valid.size();) {
+    const std::size_t control = sizeOfControl(std::string_view(valid).substr(i));
+    result += control != 0 ? '?' : valid[i];
+    i += std::max<std::size_t>(control, 1);
   }
   return result;
 }
@@ -64,7 +76,7 @@ std::string cut(const std::string& line, std::size_t width) {
   for (std::size_t characters = 0; end < line.size(); ++end) {
     if (startsCharacter(line[end]) && characters++ == kept) break;
   }
-  return line.substr(0, end) + "...";
+  return line.substr(0, end) + std::string(std::min<std::size_t>(width, 3), '.');
 }
 
 std::string lineOf(const Finding& finding, const Style& style) {

@@ -123,6 +123,9 @@ class Commands {
   std::string end(const std::vector<Process>& targets) const;
 
  private:
+  /// Returns whether sshd was started with this setting, so that no file can change it.
+  bool isArgument(const std::string& keyword) const;
+
   bool isInHome(const std::string& path) const;
   std::string testSshd() const;
   std::string reloadScript() const;

@@ -23,6 +23,9 @@ std::string toLower(std::string text);
 /// The non-blank lines of a text, without carriage returns.
 std::vector<std::string> linesOf(std::string_view text);
 
+/// The same without the frames of '@' that ssh draws around a warning.
+std::vector<std::string> spokenLines(std::string_view text);
+
 }  // namespace dorve
 
 #endif  // DORVE_FACTS_TEXT_H_

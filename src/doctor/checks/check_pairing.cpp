@@ -142,6 +142,17 @@ std::optional<Finding> judgeReplaced(const Known& known) {
   return std::nullopt;
 }
 
+Finding rejectedConfig(const Known& known) {
+  const std::string command = known.commands.disableForSsh(known.pairing.fault);
+  return {Verdict::FAIL,
+          "ssh-config",
+          known.pairing.ssh.message(),
+          command.empty() ? "ssh does not run with this configuration: correct it"
+                          : "ssh does not run with this configuration; the command disables the line",
+          command,
+          Serves::LOGIN_THERE};
+}
+
 Finding judgeConfig(const Known& known) {
   const Pairing& pairing = known.pairing;
   Finding finding = {Verdict::FAIL, "ssh-config", "", "", "", Serves::LOGIN_THERE};
@@ -156,14 +167,7 @@ Finding judgeConfig(const Known& known) {
   if (pairing.ssh.end == Outcome::End::TIMED_OUT) {
     return {Verdict::SKIP, "ssh-config", "not checked: ssh: " + pairing.ssh.message()};
   }
-  if (!pairing.ssh.succeeded()) {
-    finding.found = pairing.ssh.message();
-    finding.command = known.commands.disableForSsh(pairing.fault);
-    finding.cause = finding.command.empty()
-                        ? "ssh does not run with this configuration: correct it"
-                        : "ssh does not run with this configuration; the command disables the line";
-    return finding;
-  }
+  if (!pairing.ssh.succeeded()) return rejectedConfig(known);
   if (!pairing.hasHostLine && !known.login.proven) {
     finding.found = known.directory.config.path + " has no " + known.side.hostLine();
     finding.cause = "the pairing failed, could not store the block, or somebody removed it";

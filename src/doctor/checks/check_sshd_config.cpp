@@ -89,50 +89,6 @@ std::string replaced(const std::string& value, const User& user) {
   return value == "USER" ? user.name : value == "GROUP" ? user.group : value;
 }
 
-Finding shellFinding(const Known& known, const std::string& cause) {
-  return {Verdict::FAIL,
-          "shell",
-          "the shell of " + known.user.name + " is " + known.user.shell,
-          cause,
-          known.commands.asRoot("usermod --shell /bin/sh " + quoted(known.user.name)),
-          Serves::LOGIN_HERE};
-}
-
-/// The account itself, which sshd or PAM refuses.
-std::optional<Finding> judgeAccount(const Known& known) {
-  const User& user = known.user;
-  const bool pam = known.sshd.settings.first("usepam") == "yes";
-  const auto say = [&](const std::string& found, const std::string& cause, const std::string& change) {
-    return configFinding(found, cause,
-                         change.empty() ? "" : known.commands.asRoot(change + " " + quoted(user.name)));
-  };
-  if (!user.shellWorks || user.shell.ends_with("/nologin") || user.shell.ends_with("/false")) {
-    return shellFinding(known, "every login ends at once");
-  }
-  if (known.login.backAccepted && !known.login.backProven && !user.shellIsListed) {
-    return shellFinding(known, "it does not run the command of a login, and /etc/shells does not list it");
-  }
-  if (user.locked && !pam) {
-    return say("the account " + user.name + " is locked",
-               "sshd without PAM refuses a user whose password field begins with !; the command allows keys, "
-               "no password",
-               "usermod -p '*'");
-  }
-  if (user.expired) {
-    return say("the account " + user.name + " has expired", "the command removes the date",
-               "usermod --expiredate ''");
-  }
-  if (user.passwordOld && pam) {
-    return say("the password of " + user.name + " has expired",
-               "PAM asks for a new one at each login; the command ends its ageing",
-               "chage --lastday -1 --maxdays -1");
-  }
-  if (known.sshd.loginsForbidden && !user.isRoot()) {
-    return say("/etc/nologin exists", "only root may log in until it is deleted", "");
-  }
-  return std::nullopt;
-}
-
 /// The command that makes a setting for this login. Lists of users and groups to deny add up, so that a
 /// second block can't take back what the first one denies.
 std::string commandFor(const Reason& reason, const Known& known) {
@@ -203,10 +159,11 @@ std::optional<Finding> judgeSettings(const Known& known) {
   for (const Setting& setting : kSettings) {
     const std::string value = settings.first(toLower(setting.name));
     if (!setting.isWrong(value, known.user)) continue;
-    Finding finding = configFinding(std::string(setting.name) + " " + value,
-                                    std::string(setting.cause) + "; the command lifts this for " +
-                                        known.user.name + "'s logins from the other device",
+    Finding finding = configFinding(std::string(setting.name) + " " + value, setting.cause,
                                     known.commands.setForLogin(setting.name, setting.wanted));
+    finding.cause += finding.command.empty() ? "; no command changes this for one user"
+                                             : "; the command lifts this for " + known.user.name +
+                                                   "'s logins from the other device";
     // These may still run what a login asks for.
     if (setting.isWrong == isSet && !known.login.backTried) finding.verdict = Verdict::WARN;
     return finding;
@@ -290,7 +247,7 @@ Finding judgeFailedTest(const Known& known) {
 
 Finding checkSshdConfig(const Known& known) {
   if (known.user.name.empty()) return {Verdict::SKIP, kConfig, "not checked: the user has no name"};
-  if (auto finding = judgeAccount(known)) return *finding;
+  if (auto finding = checkAccount(known)) return *finding;
   if (!known.sshd.test.succeeded()) return judgeFailedTest(known);
   for (auto* judgement : {judgeRehearsal, judgeSettings, judgeRefusal, judgeDaemon}) {
     if (auto finding = judgement(known)) return *finding;

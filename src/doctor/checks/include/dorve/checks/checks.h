@@ -55,6 +55,9 @@ Findings checkFirewall(const Firewall& firewall, const Known& known);
 /// Whether an SSH server listens, and the finding of `checkSshdConfig`.
 Findings checkSshd(const Known& known);
 
+/// Why the account itself refuses every login with a key. No finding if it does not.
+std::optional<Finding> checkAccount(const Known& known);
+
 /// Whether sshd's configuration and the account let the other device log in.
 Finding checkSshdConfig(const Known& known);
 

@@ -6,18 +6,10 @@
 #include <string_view>
 #include <vector>
 
+#include "dorve/checks/script.h"
 #include "dorve/facts/facts.h"
 
 namespace dorve {
-
-/// Returns whether sh(1) reads the text as one word even without quotes.
-bool isPlainWord(std::string_view text);
-
-/// Returns whether a name has only letters, digits, dots, underscores and hyphens, and no hyphen in front.
-bool isPlainName(std::string_view name);
-
-/// `word` as one word for sh(1): in quotes unless `isPlainWord`.
-std::string quoted(std::string_view word);
 
 /// Builds all commands that the doctor prints. A user may paste them as they are:
 ///

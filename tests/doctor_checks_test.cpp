@@ -196,6 +196,8 @@ TEST(DoctorUser, IsNamedWithTheSideAndItsPrograms) {
       {WITH(d.processes.programs = {{7, "", "/a", true}}),
        "dorve-client (process 7) is stopped $ [ /proc/7/exe -ef /a ] && kill -CONT 7"},
       {WITH(d.processes.programs = {{7, "", "/a"}, {8, "", "/a"}}), "dorve-client runs 2 times"},
+      {WITH(d.processes.misplaced = {{7, "dorve-server", "/a"}}),
+       "warn: dorve-server runs (process 7) $ [ /proc/7/exe -ef /a ] && kill 7"},
   });
   Check{"port-8888", server}.finds({
       {WITH(hold(d, "nc")), "held by nc (process 9) $ [ /proc/9/exe -ef /n ] && kill 9"},
@@ -218,6 +220,12 @@ TEST(DoctorLink, HasItsInterface) {
        "no bsab; this device has: eth0 (up, default route), eth2 (up), eth1 (up, no carrier)"},
       {WITH(d.bsab().up = false), "bsab is down $ ip link set dev bsab up"},
       {WITH(d.bsab().carrier = false), "bsab is up, no carrier $ dorve-doctor server"},
+      {WITH(d.link.interfaces.push_back(Device::interface("eth1", "", 0)),
+            d.link.interfaces[3].addresses.clear(), d.bsab().carrier = false),
+       "bsab is up, no carrier $ "},
+      {WITH(d.bsab().ignoresArp = true),
+       "bsab does not answer to ARP (arp_ignore) $ sysctl -w net.ipv4.conf.all.arp_ignore=0 "
+       "net/ipv4/conf/bsab/arp_ignore=0"},
       {WITH(d.bsab().arp = false), "bsab does not use ARP $ ip link set dev bsab arp on"},
       {WITH(d.bsab().master = "br0"), "bsab is a port of br0 $ ip link set dev bsab nomaster"},
       {WITH(d.bsab().mtu = 575), "bsab has an MTU of only 575 bytes $ ip link set dev bsab mtu 1500"},
@@ -236,17 +244,20 @@ TEST(DoctorLink, HasAnAddressAndARoute) {
   static const auto fix = WITH(d.link.neighbourIsFixed = true, d.link.neighbour = "02::9");
   Check{"address", paired}.finds({
       {WITH(d.bsab().addresses.clear()), "1.0.0.2 is on no interface"},
+      {WITH(d.bsab().addresses[0].text = "1.0.0.1"),
+       "1.0.0.2 is on no interface, but bsab has the other device's address $ ip address flush dev bsab to "
+       "1.0.0.1/32 && ip address replace 1.0.0.2/30 dev bsab"},
       {swap, "1.0.0.2/30 is on eth0, not on bsab $ "},
       {WITH(swap(d), d.eth0().uplink = false),
-       "1.0.0.2/30 is on eth0, not on bsab $ ip address del 1.0.0.2/30 dev eth0; ip address replace "
+       "1.0.0.2/30 is on eth0, not on bsab $ ip address flush dev eth0 to 1.0.0.2/32 && ip address replace "
        "1.0.0.2/30 dev bsab"},
       {WITH(d.bsab().addresses[0].prefix = 31, d.link.route = {}),
-       "1.0.0.2/31 is on bsab $ ip address replace 1.0.0.2/30 dev bsab && ip address del 1.0.0.2/31 dev "
+       "1.0.0.2/31 is on bsab $ ip address flush dev bsab to 1.0.0.2/32 && ip address replace 1.0.0.2/30 dev "
        "bsab"},
       {WITH(d.bsab().addresses[0].prefix = 32), "ok: 1.0.0.2/32 on bsab"},
       {WITH(give(d, d.eth0())), "1.0.0.1 is on this device too, on eth0 $ "},
       {WITH(give(d, d.bsab())),
-       "1.0.0.1 is on this device too, on bsab $ ip address del 1.0.0.1/30 dev bsab"},
+       "1.0.0.1 is on this device too, on bsab $ ip address flush dev bsab to 1.0.0.1/32"},
       {WITH(d.answers.own = {"02::2", "02::3"}),
        "another device on the link also has 1.0.0.2 (hardware address 02::2, 02::3)"},
       {WITH(d.answers.peer.push_back("02::2")),

@@ -15,6 +15,11 @@ std::string withPrefix(const Interface::Address& address) {
   return address.text + "/" + std::to_string(address.prefix);
 }
 
+/// Removes an address from an interface, whatever its prefix. What is not there makes it no error.
+std::string removeAddress(const std::string& address, const std::string& interface) {
+  return "ip address flush dev " + quoted(interface) + " to " + address + "/32";
+}
+
 /// The address of an interface as it is set there; only its text is sure to be there.
 std::string heldBy(const Interface& interface, const std::string& address) {
   const auto own =
@@ -80,6 +85,32 @@ Finding missingInterface(const Side& side, const Link& link, const Commands& com
   return finding;
 }
 
+/// The settings of an interface that is up.
+std::optional<Finding> judgeSettings(const Interface& interface, const Commands& commands) {
+  if (!interface.arp) {
+    return Finding{Verdict::FAIL, "interface", interface.name + " does not use ARP",
+                   "the other device cannot find this one",
+                   commands.asRoot(setDevice(interface.name, "arp on"))};
+  }
+  if (interface.ignoresArp) {
+    return Finding{Verdict::FAIL, "interface", interface.name + " does not answer to ARP (arp_ignore)",
+                   "the other device cannot find this one",
+                   commands.asRoot("sysctl -w net.ipv4.conf.all.arp_ignore=0 " +
+                                   quoted("net/ipv4/conf/" + interface.name + "/arp_ignore=0"))};
+  }
+  if (!interface.master.empty()) {
+    return Finding{Verdict::FAIL, "interface", interface.name + " is a port of " + interface.master,
+                   interface.master + " receives its packets",
+                   commands.asRoot(setDevice(interface.name, "nomaster"))};
+  }
+  if (interface.mtu > 0 && interface.mtu < kSmallestMtu) {
+    return Finding{Verdict::FAIL, "interface",
+                   interface.name + " has an MTU of only " + std::to_string(interface.mtu) + " bytes",
+                   "IPv4 needs 576", commands.asRoot(setDevice(interface.name, "mtu 1500"))};
+  }
+  return std::nullopt;
+}
+
 Finding judgeInterface(const Side& side, const Link& link, const Commands& commands) {
   const Interface* interface = linkOf(link, side);
   const bool isNamed = interface != nullptr && interface->name == kLinkInterface;
@@ -92,23 +123,14 @@ Finding judgeInterface(const Side& side, const Link& link, const Commands& comma
             commands.asRoot(setDevice(interface->name, "up"))};
   }
   if (!interface->carrier) {
-    return {Verdict::FAIL, "interface", found, "the cable is out, or the other end of the link is down",
-            commands.doctorThere()};
+    const Interface* other = guessLink(link);
+    const bool isElsewhere = other != nullptr && other->carrier;
+    return {Verdict::FAIL, "interface", found,
+            isElsewhere ? "the cable may be in " + other->name + ", which is up and has no address"
+                        : "the cable is out, or the other end of the link is down",
+            isElsewhere ? "" : commands.doctorThere()};
   }
-  if (!interface->arp) {
-    return {Verdict::FAIL, "interface", interface->name + " does not use ARP",
-            "the other device cannot find this one", commands.asRoot(setDevice(interface->name, "arp on"))};
-  }
-  if (!interface->master.empty()) {
-    return {Verdict::FAIL, "interface", interface->name + " is a port of " + interface->master,
-            interface->master + " receives its packets",
-            commands.asRoot(setDevice(interface->name, "nomaster"))};
-  }
-  if (interface->mtu > 0 && interface->mtu < kSmallestMtu) {
-    return {Verdict::FAIL, "interface",
-            interface->name + " has an MTU of only " + std::to_string(interface->mtu) + " bytes",
-            "IPv4 needs 576", commands.asRoot(setDevice(interface->name, "mtu 1500"))};
-  }
+  if (auto finding = judgeSettings(*interface, commands)) return *finding;
   return {Verdict::OK, "interface", found};
 }
 
@@ -124,16 +146,19 @@ std::optional<Finding> judgePlace(const Side& side, const Link& link, const Comm
   const std::string add =
       "ip address replace " + address + "/" + std::to_string(kPrefixBits) + " dev " + quoted(target);
   if (holder == nullptr) {
-    return Finding{Verdict::FAIL, "address", address + " is on no interface",
-                   std::string("the address of the ") + side.name() + " is fixed", commands.asRoot(add)};
+    const bool isSwapped = interface != nullptr && interface->has(side.peerAddress);
+    return Finding{Verdict::FAIL, "address",
+                   address + " is on no interface" +
+                       (isSwapped ? ", but " + target + " has the other device's address" : ""),
+                   std::string("the address of the ") + side.name() + " is fixed",
+                   commands.asRoot(isSwapped ? removeAddress(side.peerAddress, target) + " && " + add : add)};
   }
   const std::string held = heldBy(*holder, address);
   if (holder->name != target) {
     Finding finding = {Verdict::FAIL, "address", held + " is on " + holder->name + ", not on " + target,
                        "packets to the other device then leave over the wrong interface"};
     if (!holder->uplink) {
-      finding.command =
-          commands.asRoot("ip address del " + held + " dev " + quoted(holder->name) + "; " + add);
+      finding.command = commands.asRoot(removeAddress(address, holder->name) + " && " + add);
     }
     return finding;
   }
@@ -141,7 +166,7 @@ std::optional<Finding> judgePlace(const Side& side, const Link& link, const Comm
   if (tooLong && (!link.route || link.route->interface != target)) {
     return Finding{Verdict::FAIL, "address", held + " is on " + holder->name,
                    "the other device's address is outside this network",
-                   commands.asRoot(add + " && ip address del " + held + " dev " + quoted(holder->name))};
+                   commands.asRoot(removeAddress(address, target) + " && " + add)};
   }
   return std::nullopt;
 }
@@ -155,8 +180,7 @@ std::optional<Finding> judgeOwners(const Side& side, const Link& link, const Com
                        side.peerAddress + " is on this device too" + (name.empty() ? "" : ", on " + name),
                        "it belongs to the other device; packets to it never leave this one"};
     if (holder != nullptr && !holder->uplink) {
-      finding.command =
-          commands.asRoot("ip address del " + heldBy(*holder, side.peerAddress) + " dev " + quoted(name));
+      finding.command = commands.asRoot(removeAddress(side.peerAddress, name));
     }
     return finding;
   }

@@ -37,7 +37,15 @@ std::string ids(const std::vector<Process>& processes) {
   return join(numbers, " ");
 }
 
-Finding judgeCount(const Side& side, const std::vector<Process>& programs, const Commands& commands) {
+Finding judgeCount(const Side& side, const Processes& processes, const Commands& commands) {
+  const std::vector<Process>& programs = processes.programs;
+  const std::vector<Process>& misplaced = processes.misplaced;
+  if (programs.empty() && !misplaced.empty() && !side.isGuess) {
+    return {Verdict::WARN, "programs", misplaced.front().name + " runs (process " + ids(misplaced) + ")",
+            "this device has the address of the " + std::string(side.name()) + ", so run " + side.program +
+                " here, and the other program there",
+            commands.end(misplaced)};
+  }
   if (programs.empty()) return {Verdict::OK, "programs", "no " + side.program + " runs"};
   if (programs.size() == 1 && programs.front().stopped) {
     return {Verdict::FAIL, "programs", side.program + " (process " + ids(programs) + ") is stopped",
@@ -77,7 +85,7 @@ Findings checkUser(const User& user, const Side& side, const Directory& director
 
 Findings checkPrograms(const Side& side, const Fact<Processes>& processes, const Commands& commands) {
   if (!processes) return {{Verdict::SKIP, "programs", "not checked: " + processes.whyNot}};
-  Findings findings = {judgeCount(side, processes->programs, commands)};
+  Findings findings = {judgeCount(side, *processes, commands)};
   if (side.role == Role::SERVER) findings.push_back(judgeServerPort(side, *processes, commands));
   return findings;
 }

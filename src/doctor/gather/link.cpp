@@ -41,6 +41,18 @@ int mtuOf(const char* name) {
   return ioctl(any.get(), SIOCGIFMTU, &request) == 0 ? request.ifr_mtu : 0;
 }
 
+/// Returns whether the kernel answers to no ARP request for an address of this interface. The larger of the
+/// two values counts; 8 means never.
+bool ignoresArp(const std::string& name) {
+  int largest = 0;
+  for (const std::string& folder : {std::string("all"), name}) {
+    int value = 0;
+    std::ifstream("/proc/sys/net/ipv4/conf/" + folder + "/arp_ignore") >> value;
+    largest = std::max(largest, value);
+  }
+  return largest == 8;
+}
+
 Interface& entryFor(std::vector<Interface>& interfaces, const ifaddrs& address) {
   const auto known = std::ranges::find_if(
       interfaces, [&](const Interface& entry) { return entry.name == address.ifa_name; });
@@ -51,6 +63,7 @@ Interface& entryFor(std::vector<Interface>& interfaces, const ifaddrs& address) 
   fresh.carrier = (address.ifa_flags & IFF_RUNNING) != 0;
   fresh.loopback = (address.ifa_flags & IFF_LOOPBACK) != 0;
   fresh.arp = (address.ifa_flags & IFF_NOARP) == 0;
+  fresh.ignoresArp = ignoresArp(fresh.name);
   fresh.mtu = mtuOf(address.ifa_name);
   std::error_code error;
   fresh.master = std::filesystem::read_symlink("/sys/class/net/" + fresh.name + "/master", error).filename();

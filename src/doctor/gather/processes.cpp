@@ -131,8 +131,9 @@ Fact<Processes> gatherProcesses(const Side& side) {
 
   Processes processes;
   for (const Process& process : candidates) {
-    const bool isOther = !process.program.empty() && !process.program.ends_with("/" + side.program);
-    if (process.name == side.program && !isOther) processes.programs.push_back(process);
+    const bool isOther = !process.program.empty() && !process.program.ends_with("/" + process.name);
+    if (isOther || (process.name != "dorve-client" && process.name != "dorve-server")) continue;
+    (process.name == side.program ? processes.programs : processes.misplaced).push_back(process);
   }
   for (const Socket& socket : sockets) {
     const bool isOurs = socket.listener.port == kSshPort || socket.listener.port == kPort;

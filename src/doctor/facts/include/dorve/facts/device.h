@@ -88,6 +88,7 @@ struct Interface {
   int mtu = 0;          ///< in bytes
   std::string master;   ///< the bridge or the like that takes its packets; empty if there is none
   std::vector<Address> addresses;
+  bool ignoresArp = false;  ///< it answers to no ARP request, although it sends some
 
   /// Returns whether the interface has this address (dotted decimal).
   bool has(const std::string& address) const;
@@ -147,6 +148,7 @@ struct Processes {
   const Process* sshd() const;
 
   std::vector<Process> programs;    ///< of this device's side: dorve-client or dorve-server
+  std::vector<Process> misplaced;   ///< of the other side
   std::vector<Listener> listeners;  ///< on the ports 22 and 8888, and all of sshd
 };
 

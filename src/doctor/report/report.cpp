@@ -94,6 +94,7 @@ std::string summary(const std::vector<Finding>& findings) {
   std::string line = (failed > 0 ? std::to_string(failed) : "Nothing") + " failed.";
   for (const char* word : {" First: ", " Next: "}) {
     const bool problems = word[1] == 'F';
+    if (!problems && failed > 0) break;  // the next step is in vain until somebody has mended what failed
     for (const Finding& finding : findings) {
       if (finding.command.empty() || isProblem(finding.verdict) != problems) continue;
       return line + word + printable(finding.command);

@@ -7,7 +7,8 @@ import pytest
 
 from lab import CHECKOUT
 
-PROGRAMS = {"dorve-client": "[--help | --version]", "dorve-server": "[--help | --version]"}
+PROGRAMS = {"dorve-client": "[--help | --version]", "dorve-server": "[--help | --version]",
+            "dorve-unpair": "[--dry-run | --help | --version]"}
 WRONG = ["x", "-h", "--helpx", "--help=1", "--x --help", "-", "''", "-- --help", "x --"]
 HELP = ["--help", "--he", "--h", "x --help", "--help x", "--help --version", "--help --", "--help --wrong"]
 
@@ -47,7 +48,8 @@ def test_help_and_version_are_printed(run, program):
 
 
 def test_wrong_arguments_give_the_usage_line(run, program):
-    for arguments in WRONG + ["--dry-run", "--"]:
+    wrong = WRONG + (["--dry-run=1", "--dry-run x", "--dry-run -- x"] if program == "dorve-unpair" else ["--dry-run", "--"])
+    for arguments in wrong:
         outcome = run(arguments)
         assert (outcome.status, outcome.out) == (2, ""), arguments
         assert outcome.err == f"usage: {program} {PROGRAMS[program]}\n", arguments

@@ -57,6 +57,7 @@ ssize_t pwrite(int fd, const void* data, std::size_t size, off_t offset) {
   if (failsNow("write")) {
     if (errno == EINTR) return -1;
     size /= 2;
+    errno = 0;
   }
   return syscall(SYS_pwrite64, fd, data, size, offset);
 }

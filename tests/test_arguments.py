@@ -48,8 +48,8 @@ def test_help_and_version_are_printed(run, program):
 
 
 def test_wrong_arguments_give_the_usage_line(run, program):
-    wrong = WRONG + (["--dry-run=1", "--dry-run x", "--dry-run -- x"] if program == "dorve-unpair" else ["--dry-run", "--"])
-    for arguments in wrong:
+    own = ["--dry-run=1", "--dry-run x", "--dry-run -- x"] if program == "dorve-unpair" else ["--dry-run", "--"]
+    for arguments in WRONG + own:
         outcome = run(arguments)
         assert (outcome.status, outcome.out) == (2, ""), arguments
         assert outcome.err == f"usage: {program} {PROGRAMS[program]}\n", arguments

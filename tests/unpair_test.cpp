@@ -114,10 +114,12 @@ TEST_F(UnpairFiles, RemovesWhatIsFoundAndNothingElse) {
   std::ofstream(foreign) << "kept";
   std::ofstream(keys) << "A";
   fs::create_symlink(foreign, dir + "/slice");
+  fs::create_symlink(dir, dir + "/slice.pub");
   fs::create_symlink(keys, dir + "/authorized_keys");
   addAuthKey(dir, "slice", "ssh K slice\n");
   for (const std::string& host : kHosts) addSshConfig(dir, "slice", host.c_str());
-  const std::string all = "/authorized_keys 3-3 \n/config 2-6 \n/config 8-12 \n/slice 0-0 \n";
+  const std::string all =
+      "/authorized_keys 3-3 \n/config 2-6 \n/config 8-12 \n/slice 0-0 \n/slice.pub 0-0 \n";
   EXPECT_EQ(listed(findRemnants(dir, "slice", kHosts), dir), all);
   EXPECT_EQ(fs::file_size(keys), 15) << "a search changes nothing";
   fs::permissions(dir + "/config", fs::perms{0640});

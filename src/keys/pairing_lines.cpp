@@ -107,13 +107,13 @@ class BlockFinder {
   /// ended with a newline. Otherwise it ended a foreign line, and goes only if no foreign line follows.
   void includeNewlines(std::vector<FoundLines>& found) const {
     std::size_t end = text.size();  // of the text without the blocks at its end
-    for (auto block = found.rbegin(); block != found.rend(); ++block) {
-      if (block->isChanged()) continue;
-      const bool isAtEnd = block->to >= end;
-      const std::string_view before = text.substr(0, block->from);
-      if (!before.empty() && (isAtEnd || before == "\n" || before.ends_with("\n\n"))) --block->from;
-      if (isAtEnd) end = block->from;
-    }
+    std::for_each(found.rbegin(), found.rend(), [&](FoundLines& block) {
+      if (block.isChanged()) return;
+      const bool isAtEnd = block.to >= end;
+      const std::string_view before = text.substr(0, block.from);
+      if (!before.empty() && (isAtEnd || before == "\n" || before.ends_with("\n\n"))) --block.from;
+      if (isAtEnd) end = block.from;
+    });
   }
 
   std::string_view text;

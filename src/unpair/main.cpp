@@ -25,7 +25,8 @@ constexpr dorve::Program kProgram = {
     "Exit status: 0 if nothing of a pairing is left, 1 if something is, 2 for bad usage.\n"};
 
 std::string describe(const dorve::Remnant& remnant) {
-  const std::string path = dorve::printable(remnant.path), first = std::to_string(remnant.firstLine);
+  std::string path = dorve::printable(remnant.path);
+  const std::string first = std::to_string(remnant.firstLine);
   if (remnant.firstLine == 0) return path;
   if (remnant.firstLine == remnant.lastLine) return "line " + first + " of " + path;
   return "lines " + first + " to " + std::to_string(remnant.lastLine) + " of " + path;
@@ -34,8 +35,9 @@ std::string describe(const dorve::Remnant& remnant) {
 /// Prints everything that was found, and returns the exit status.
 int report(const std::string& sshDir, const std::vector<dorve::Remnant>& remnants, bool dryRun) {
   const auto stays = [](const dorve::Remnant& remnant) { return !remnant.obstacle.empty(); };
-  for (const dorve::Remnant& remnant : remnants)
+  for (const dorve::Remnant& remnant : remnants) {
     if (!stays(remnant)) std::cout << (dryRun ? "Would remove " : "Removed ") << describe(remnant) << '\n';
+  }
   if (remnants.empty()) {
     std::cout << "Nothing of a pairing is left in " << dorve::printable(sshDir) << ".\n";
   } else if (!std::ranges::all_of(remnants, stays)) {
@@ -44,9 +46,10 @@ int report(const std::string& sshDir, const std::vector<dorve::Remnant>& remnant
            "paired it.\n";
   }
   std::cout.flush();
-  for (const dorve::Remnant& remnant : remnants)
+  for (const dorve::Remnant& remnant : remnants) {
     if (stays(remnant))
       std::cerr << "dorve-unpair: kept " << describe(remnant) << ": " << remnant.obstacle << '\n';
+  }
   const bool isClean = dryRun ? remnants.empty() : std::ranges::none_of(remnants, stays);
   return dorve::endOutput(kProgram, isClean ? 0 : 1);
 }

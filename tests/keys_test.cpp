@@ -175,7 +175,9 @@ TEST_F(Keys, AFailingCallOfAnUnpairingIsReported) {
         const std::vector<Remnant> remnants = removeRemnants(dir, "slice", {});
         calls.watched = false;
         failed = calls.count > failing;
-        if (!failed) EXPECT_EQ(calls.changes, "write sync truncate");
+        if (!failed) {
+          EXPECT_EQ(calls.changes, "write sync truncate");
+        }
         const bool isOld = text("/authorized_keys") == before;
         EXPECT_EQ(text("/authorized_keys"), isOld ? before : kept)
             << std::strerror(error) << " at " << failing;

@@ -6,10 +6,10 @@ include(CMakePackageConfigHelpers)
 set(unit_dir lib/systemd/system) # systemd reads units here, even where CMAKE_INSTALL_LIBDIR is not lib
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/dorve)
 
-install(TARGETS dorve-client dorve-doctor dorve-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS dorve-client dorve-doctor dorve-server dorve-unpair RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES wireshark/dorve.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/dorve)
 
-foreach(page dorve-client.1 dorve-doctor.1 dorve-server.1 dorve.7)
+foreach(page dorve-client.1 dorve-doctor.1 dorve-server.1 dorve-unpair.1 dorve.7)
   configure_file(man/${page} ${PROJECT_BINARY_DIR}/man/${page} @ONLY)
   string(REGEX REPLACE ".*[.]" "" section ${page})
   install(FILES ${PROJECT_BINARY_DIR}/man/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})

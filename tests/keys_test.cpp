@@ -14,6 +14,7 @@
 #include "dorve/keys/file_text.h"
 #include "dorve/keys/key_material.h"
 #include "dorve/keys/ssh_files.h"
+#include "dorve/keys/unpair.h"
 
 namespace fs = std::filesystem;
 
@@ -56,6 +57,7 @@ ssize_t pwrite(int fd, const void* data, std::size_t size, off_t offset) {
   if (failsNow("write")) {
     if (errno == EINTR) return -1;
     size /= 2;
+    errno = 0;
   }
   return syscall(SYS_pwrite64, fd, data, size, offset);
 }
@@ -157,6 +159,32 @@ TEST_F(Keys, AFailingCallLeavesTheOldTextOrTheNew) {
             << edit.file << ", " << std::strerror(error) << " at call " << failing;
       }
       EXPECT_GT(failing, 2) << edit.file << ": each edit makes at least two calls";
+    }
+  }
+}
+
+TEST_F(Keys, AFailingCallOfAnUnpairingIsReported) {
+  for (const std::size_t size : {10U, 10'000U}) {
+    const std::string foreign = std::string(size, 'f') + "\n\n";
+    const std::string before = "A\nno-pty K slice\n" + foreign + "K slice", kept = "A\n" + foreign;
+    for (const int error : {EIO, EINTR, EACCES}) {
+      int failing = 0;
+      for (bool failed = true; failed; ++failing) {
+        put("/authorized_keys", before);
+        calls = {.watched = true, .failing = failing, .error = error};
+        const std::vector<Remnant> remnants = removeRemnants(dir, "slice", {});
+        calls.watched = false;
+        failed = calls.count > failing;
+        if (!failed) {
+          EXPECT_EQ(calls.changes, "write sync truncate");
+        }
+        const bool isOld = text("/authorized_keys") == before;
+        EXPECT_EQ(text("/authorized_keys"), isOld ? before : kept)
+            << std::strerror(error) << " at " << failing;
+        EXPECT_EQ(isOld, !remnants.empty() && !remnants.front().obstacle.empty()) << failing;
+        EXPECT_EQ(isOld, failed && error != EINTR) << failing;
+      }
+      EXPECT_GT(failing, 7);
     }
   }
 }

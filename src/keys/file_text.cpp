@@ -58,9 +58,11 @@ class File {
 
   /// Writes all of `text` with one pwrite(2), or fails. After a short write it does not write the rest:
   /// at the limit of a file's size, a second call would raise SIGXFSZ, which ends the process.
+  /// A short write sets no errno. Its usual cause is a full disk.
   bool writeAt(std::size_t offset, std::string_view text) const {
     const ssize_t count =
         retryOnEintr([&] { return ::pwrite(fd, text.data(), text.size(), static_cast<off_t>(offset)); });
+    if (count >= 0) errno = ENOSPC;
     return count == static_cast<ssize_t>(text.size());
   }
 
@@ -76,9 +78,13 @@ class File {
   int fd;
 };
 
+std::error_code lastError() {
+  return {errno, std::generic_category()};
+}
+
 /// Replaces `oldTail`, the bytes of the file from `from` to its end, by `tail`.
-/// Restores `oldTail` if a call fails.
-void writeTail(const File& file, std::size_t from, std::string_view oldTail, std::string tail) {
+/// Restores `oldTail` if a call fails, and returns the error.
+std::error_code writeTail(const File& file, std::size_t from, std::string_view oldTail, std::string tail) {
   // A shorter tail is padded with newlines, so it overwrites all of the old tail before the truncation.
   // Without the padding, a kill before the truncation could leave the end of an old line:
   // a key without the restrictions that stand before it.
@@ -95,9 +101,20 @@ void writeTail(const File& file, std::size_t from, std::string_view oldTail, std
   bool done = file.writeAt(from, tail);
   if (shrinks || spansBlocks) done = done && file.sync();
   if (shrinks) done = done && file.truncateTo(size);
-  if (done) return;
+  if (done) return {};
+  const std::error_code error = lastError();
   file.writeAt(from, oldTail);
   file.truncateTo(oldSize);
+  return error;
+}
+
+/// Reads an open file and makes the edit that `edit` returns for its text.
+std::error_code editFile(const File& file, const std::function<TextTail(std::string_view text)>& edit) {
+  std::string text;
+  if (!file.readAll(text)) return lastError();
+  auto [from, tail] = edit(text);
+  if (file.size() != static_cast<off_t>(text.size())) return std::make_error_code(std::errc::text_file_busy);
+  return writeTail(file, from, std::string_view(text).substr(from), std::move(tail));
 }
 
 }  // namespace
@@ -121,11 +138,24 @@ void replaceFileTail(const std::string& path, const std::function<TextTail(std::
     if (unreadable.isOpen()) writeTail(unreadable, 0, "", edit("").text);
     return;
   }
-  std::string text;
-  if (!file.readAll(text)) return;
-  auto [from, tail] = edit(text);
-  if (file.size() != static_cast<off_t>(text.size())) return;
-  writeTail(file, from, std::string_view(text).substr(from), std::move(tail));
+  editFile(file, edit);
+}
+
+std::error_code loadRegularFile(const std::string& path, std::string& text) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) {
+    const bool isMissing = errno == ENOENT || errno == ENOTDIR;
+    return isMissing ? std::error_code() : lastError();
+  }
+  if (!S_ISREG(status.st_mode)) return {};
+  const File file(path, O_RDONLY);
+  return file.isOpen() && file.readAll(text) ? std::error_code() : lastError();
+}
+
+std::error_code editExistingFile(const std::string& path,
+                                 const std::function<TextTail(std::string_view text)>& edit) {
+  const File file(path, O_RDWR);
+  return file.isOpen() ? editFile(file, edit) : lastError();
 }
 
 void appendAllOrNothing(const std::string& path, std::string_view text) {

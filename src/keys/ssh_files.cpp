@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "dorve/keys/file_text.h"
+#include "dorve/keys/pairing_lines.h"
 
 namespace dorve {
 namespace {
@@ -85,10 +86,7 @@ void addSshConfig(const std::string& sshDir, const std::string& keyName, const c
   if (text && text->find(hostLine) == std::string::npos) {
     // The leading newline also ends a last line that lacks its newline.
     // A later edit would mistake a partial block for a whole one, so the edit appends all of it or nothing.
-    appendAllOrNothing(
-        path,
-        "\n" + hostLine + "\n    IdentityFile " + sshDir + "/" + keyName +
-            "\n    IdentitiesOnly yes\n    StrictHostKeyChecking no\n    UserKnownHostsFile /dev/null\n");
+    appendAllOrNothing(path, "\n" + hostBlock(sshDir, keyName, host));
   }
   chmod(path.c_str(), kFileMode);
 }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// dorve-server: finds the SSH directory, serves one client and returns the result as the exit status.
+// dorve-server: reads its arguments, finds the SSH directory, serves one client and returns the result as the
+// exit status.
 // An entry point belongs to no layer, so it may include client/,
 // which finds the SSH directory for both programs.
 #include <openssl/crypto.h>
@@ -8,9 +9,23 @@
 
 #include "dorve/client/ssh_directory.h"
 #include "dorve/net/endpoints.h"
+#include "dorve/programs/arguments.h"
 #include "dorve/server/dorve_server.h"
 
-int main() {
+namespace {
+
+constexpr dorve::Program kProgram = {
+    "dorve-server", "[--help | --version]",
+    "Without an argument: pairs this device with one device that runs dorve-client at the other end of the\n"
+    "link. Replaces the pairing key of the user who runs it. See dorve-server(1).\n\n"
+    "  --help     print this text\n"
+    "  --version  print the version\n\n"
+    "Exit status: 0 if a client was served, 1 if not, 2 for bad usage.\n"};
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  if (const auto status = dorve::readArguments(kProgram, count, arguments)) return *status;
   // Without these flags, libcrypto would load 0.6 MB of configuration, names and error texts that no run
   // needs. They hold for the whole process, so the library must not set them for its users.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS |

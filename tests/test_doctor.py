@@ -104,7 +104,7 @@ MISTAKES = [
     Mistake("ssh logs in under another name", BETWEEN, "client", CONFIG_BLOCK.format("User me")),
     Mistake("A block for all hosts comes first", BETWEEN, "client", CONFIG_BLOCK.format(
         "StrictHostKeyChecking yes\\n    Port 23\\n    ProxyJump x\\n    PubkeyAuthentication no")),
-    Mistake("A program was started again", AFTER, "client", "timeout 2 dorve-client --help >/dev/null"),
+    Mistake("A program was started again", AFTER, "client", "timeout 2 dorve-client >/dev/null"),
     Mistake("Others may read the private key", AFTER, "client", "chmod 644 .ssh/base_slice_exchange"),
 
     Mistake("the file system is full", BETWEEN, "server",

@@ -10,6 +10,8 @@
 #include <nlohmann/json.hpp>
 #include <string_view>
 
+#include "dorve/programs/printable.h"
+
 namespace dorve {
 namespace {
 
@@ -40,30 +42,9 @@ std::string toJsonText(const nlohmann::ordered_json& value) {
   return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-/// The size in bytes of the character at the front of a text in UTF-8 if a terminal would not show it, or
-/// would show the text after it differently: control characters and U+200B to U+206F. Otherwise 0.
-std::size_t sizeOfControl(std::string_view text) {
-  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-  if (byte(0) < ' ' || byte(0) == 0x7F) return 1;
-  if (byte(0) == 0xC2 && byte(1) < 0xA0) return 2;
-  if (byte(0) != 0xE2) return 0;
-  const bool isInvisible = (byte(1) == 0x80 && byte(2) >= 0x8B && byte(2) <= 0x8F) ||
-                           (byte(1) == 0x80 && byte(2) >= 0xA8 && byte(2) <= 0xAF) ||
-                           (byte(1) == 0x81 && byte(2) >= 0xA0 && byte(2) <= 0xAF);
-  return isInvisible ? 3 : 0;
-}
-
-/// The text in UTF-8, with '?' for each of these characters, and U+FFFD for each byte that is not valid
-/// UTF-8.
-std::string printable(const std::string& text) {
-  const std::string valid = nlohmann::json::parse(toJsonText(text)).get<std::string>();
-  std::string result;
-  for (std::size_t i = 0; i < valid.size();) {
-    const std::size_t control = sizeOfControl(std::string_view(valid).substr(i));
-    result += control != 0 ? '?' : valid[i];
-    i += std::max<std::size_t>(control, 1);
-  }
-  return result;
+/// The text in UTF-8, with U+FFFD for each byte that is not, and '?' for what could control the terminal.
+std::string shown(const std::string& text) {
+  return printable(nlohmann::json::parse(toJsonText(text)).get<std::string>());
 }
 
 /// The line, cut to the width of the terminal by characters.
@@ -82,7 +63,7 @@ std::string cut(const std::string& line, std::size_t width) {
 std::string lineOf(const Finding& finding, const Style& style) {
   const VerdictStyle& verdict = styleOf(finding.verdict);
   std::string line =
-      cut(padded(verdict.word, 6) + padded(finding.name, kNameWidth) + printable(finding.found), style.width);
+      cut(padded(verdict.word, 6) + padded(finding.name, kNameWidth) + shown(finding.found), style.width);
   if (!style.colour) return line;
   const std::size_t word = std::min(std::string_view(verdict.word).size(), line.size());
   return verdict.colour + line.substr(0, word) + kResetColour + line.substr(word);
@@ -97,7 +78,7 @@ std::string summary(const std::vector<Finding>& findings) {
     if (!problems && failed > 0) break;  // the next step is in vain until somebody has mended what failed
     for (const Finding& finding : findings) {
       if (finding.command.empty() || isProblem(finding.verdict) != problems) continue;
-      return line + word + printable(finding.command);
+      return line + word + shown(finding.command);
     }
   }
   return line;
@@ -120,8 +101,8 @@ std::string asText(const std::vector<Finding>& findings, const Style& style) {
   std::string text;
   for (const Finding& finding : findings) {
     text += lineOf(finding, style) + "\n";
-    if (!finding.cause.empty()) text += cut("      why  " + printable(finding.cause), style.width) + "\n";
-    if (!finding.command.empty()) text += "      fix  " + printable(finding.command) + "\n";
+    if (!finding.cause.empty()) text += cut("      why  " + shown(finding.cause), style.width) + "\n";
+    if (!finding.command.empty()) text += "      fix  " + shown(finding.command) + "\n";
   }
   return text + summary(findings) + "\n";
 }
@@ -131,9 +112,9 @@ std::string asJson(const std::vector<Finding>& findings) {
   for (const Finding& finding : findings) {
     const nlohmann::ordered_json object = {{"check", finding.name},
                                            {"verdict", styleOf(finding.verdict).word},
-                                           {"found", printable(finding.found)},
-                                           {"cause", printable(finding.cause)},
-                                           {"command", printable(finding.command)}};
+                                           {"found", shown(finding.found)},
+                                           {"cause", shown(finding.cause)},
+                                           {"command", shown(finding.command)}};
     text += toJsonText(object) + "\n";
   }
   return text;

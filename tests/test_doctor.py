@@ -108,11 +108,6 @@ MISTAKES = [
 
     Mistake("the cable is out", BEFORE, "server", "ip link set bsab down",
             "FAIL  interface     bsab is up, no carrier", seen_from="client"),
-    Mistake("two devices have the server's address", BEFORE, "server",
-            "ip link add link bsab name twin type macvlan mode bridge; ip link set twin up; "
-            "ip address add 172.20.10.1/32 dev twin",
-            "warn  address       several devices on the link have 172.20.10.1 (hardware addresses MAC, MAC)",
-            seen_from="client", undo="ip link delete twin"),
     Mistake("a route leads elsewhere", BEFORE, "client", f"{LAN}; ip route add 172.20.10.1/32 dev wan",
             "FAIL  address       packets to 172.20.10.1 leave over wan, not bsab"),
     Mistake("a rule drops packets", BEFORE, "client", "ip rule add to 172.20.10.1 priority 5 blackhole",

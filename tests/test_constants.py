@@ -103,7 +103,10 @@ def test_a_run_that_fails(lab, build, side, command, faults, call, attempts, sta
 
 def test_a_failed_receive_is_followed_by_a_pause(lab, build):
     with lab.server.listen():
-        start(lab.client, build / "dorve-client", "recvfrom:error=EAGAIN", "clock_nanosleep:error=EINTR:when=1").wait()
+        outcome = start(lab.client, build / "dorve-client", "recvfrom:error=EAGAIN",
+                        "clock_nanosleep:error=EINTR:when=1").wait()
+    assert outcome.err == ("Receive failed: Receive timeout: Resource temporarily unavailable\n"
+                           "Phase 0 (VERSION_NEGOTIATION) failed\nClient failed\n")
     assert seconds(lab.client) == [PAUSE, PAUSE]  # the second call resumes the first
     assert trace(lab.client).count("EAGAIN") == 1
 

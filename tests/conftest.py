@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: MIT
 """What all tests of the programs share: the folder with the programs, and the labs."""
 
-import contextlib
 import pathlib
 import sys
 
@@ -43,32 +42,24 @@ def tampered(build):
 @pytest.fixture
 def lab():
     """Two hosts without sshd."""
-    with contextlib.ExitStack() as stack:
-        yield _start(stack)
+    yield from _lab()
 
 
 @pytest.fixture(scope="module")
 def shared_lab():
     """Two hosts without sshd for all tests of a file that leave the link and the SSH directories in place."""
-    with contextlib.ExitStack() as stack:
-        yield _start(stack)
+    yield from _lab()
 
 
 @pytest.fixture
 def sshd_lab():
     """Two hosts that run sshd."""
-    with contextlib.ExitStack() as stack:
-        yield _start(stack, sshd=True)
+    yield from _lab(sshd=True)
 
 
-@pytest.fixture(scope="session")
-def start_lab():
-    """Starts a lab that ends with a contextlib.ExitStack, or skips the test."""
-    return _start
-
-
-def _start(stack, **options):
+def _lab(**options):
     try:
-        return stack.enter_context(laboratory.Lab(**options))
+        with laboratory.Lab(**options) as hosts:
+            yield hosts
     except laboratory.Unavailable as reason:
         pytest.skip(f"no lab: {reason}")

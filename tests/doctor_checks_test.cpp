@@ -82,7 +82,9 @@ void robo(Device& d) {
   d.user.name = "robo";
 }
 void refused(Device& d) {
-  d.failLogins({"Permission denied"}, {"Permission denied"});
+  d.login.tried = d.login.backTried = true;
+  d.login.outcome = Device::exited(255);
+  d.login.words = d.login.backWords = {"Permission denied"};
 }
 void rename(Device& d) {
   d.bsab().name = "eth1";
@@ -144,7 +146,6 @@ TEST(DoctorReport, LowersProblemsThatALoginDisproves) {
         text += kVerdicts[static_cast<int>(finding.verdict)] + finding.name + '\n';
     return text;
   };
-  EXPECT_EQ(verdicts(paired), "interface\nssh-dir-modes\nssh-files\n");
   EXPECT_EQ(verdicts(WITH(d.login.tried = d.login.proven = true)),
             "interface\nssh-dir-modes\nok: ssh-files\n");
   EXPECT_EQ(verdicts(WITH(d.login.backTried = d.login.backProven = true)),
@@ -170,7 +171,6 @@ TEST(DoctorReport, SaysWhatWasNotExaminedInTime) {
   d.facts.login.value.reset();
   d.facts.pairing.value.reset();
   d.facts.directory.value.reset();
-  EXPECT_EQ(skipped(), "ssh-dir programs sshd pairing login ");
   d.facts.sshd.value.reset();
   d.facts.firewall.value.reset();
   d.facts.link.value.reset();
@@ -263,7 +263,6 @@ TEST(DoctorLink, HasAnAddressAndARoute) {
       {WITH(d.answers.peer.push_back("02::2")),
        "warn: several devices on the link have 1.0.0.1 (hardware addresses 02::1, 02::2)"},
       {fix, "a fixed neighbour entry says that 1.0.0.1 is 02::9 $ ip neighbour del 1.0.0.1 dev bsab"},
-      {WITH(rename(d), fix(d)), "a fixed neighbour entry says that 1.0.0.1 is 02::9"},
       {WITH(fail(d, "Invalid argument")),
        "packets to 1.0.0.1 do not leave: there is a blackhole route $ ip route replace 1.0.0.1/32 dev bsab "
        "src 1.0.0.2 && { ip rule add priority 1 to 1.0.0.1 lookup main || true; }"},
@@ -304,15 +303,14 @@ TEST(DoctorDirectory, IsThatOfTheHomeDirectory) {
   };
   Check{"ssh-dir", paired}.finds({
       {WITH(lose(d, Type::MISSING)), "none: /h/.ssh (missing) $ mkdir -m 700 /h/.ssh"},
-      {WITH(lose(d, Type::FILE)), "none: /h/.ssh (a file)"},
-      {WITH(lose(d, Type::MISSING), d.dir.ofHome.dangling = true), "none: /h/.ssh (missing)"},
-      {WITH(lose(d, Type::MISSING), d.dir.canonicalHome = ""), "none: /h/.ssh (missing)"},
+      {WITH(lose(d, Type::FILE)),
+       "none: /h/.ssh (a file) $ mv -nT /h/.ssh /h/.ssh.old && mkdir -m 700 /h/.ssh"},
+      {WITH(lose(d, Type::MISSING), d.dir.canonicalHome = ""), "none: /h/.ssh (missing) $ "},
       {WITH(lose(d, Type::UNKNOWN), d.dir.ofHome.error = "Permission denied"), "/h/.ssh: Permission denied"},
       {WITH(lose(d, Type::DIRECTORY)), "none: /h/.ssh (a file) $ export HOME=/h"},
       {WITH(move(d, "/s")), "/s, not /h/.ssh (a file) $ export HOME=/h"},
-      {WITH(move(d, "/s"), d.dir.ofHome.type = Type::MISSING), "/s, not /h/.ssh (a file)"},
       {WITH(move(d, "/a b")), "/a b contains a blank or a special character $ export HOME=/h"},
-      {WITH(move(d, "/a$b"), d.dir.ofHome.path = "/a$b"), "/a$b contains a blank or a special character"},
+      {WITH(move(d, "/a$b"), d.dir.ofHome.path = "/a$b"), "/a$b contains a blank or a special character $ "},
   });
 }
 
@@ -320,7 +318,6 @@ TEST(DoctorDirectory, CanBeWrittenOnlyByItsUser) {
   Check{"ssh-dir-modes", paired}.finds({
       {WITH(d.home().mode = 01702), "/h may be written by others (mode 1702) $ chmod go-w /h"},
       {WITH(d.home().owner = 7), "/h belongs to root, not to root $ chown -h root: /h"},
-      {WITH(d.home().owner = 7, d.home().real = "/x"), "/h belongs to root, not to root $ "},
       {WITH(d.home().mode = 0666, setSshd(d, "strictmodes no")), "ok: owner root, mode 0600"},
       {WITH(d.dir.parents.clear()), "skip: not checked"},
       {WITH(d.folder().flag = 'i'), "/h/.ssh cannot be changed (chattr +i) $ chattr -i /h/.ssh"},
@@ -358,9 +355,9 @@ TEST(DoctorDirectory, HoldsUsableFiles) {
       {WITH(d.dir.publicKey.type = Type::DIRECTORY), "/h/.ssh/key.pub is not a regular file"},
       {WITH(d.key.flag = 'a'), "/h/.ssh/key cannot be changed (chattr +a) $ chattr -a /h/.ssh/key"},
       {WITH(deny(d, "Permission denied")), "/h/.ssh/config: Permission denied $ chmod u+rw /h/.ssh/config"},
+      {WITH(deny(d, "Read-only file system")), "/h/.ssh/config: Read-only file system"},
       {WITH(d.dir.authorizedKeys.readable = false, d.dir.authorizedKeys.owner = 7),
        "/h/.ssh/authorized_keys: "},
-      {WITH(deny(d, "Read-only file system")), "/h/.ssh/config: Read-only file system"},
   });
   Check{"ssh-keygen", paired}.finds(
       {{WITH(d.pairing.keygen = {}), "not found $ apt-get install --reinstall --yes openssh-client"}});
@@ -409,12 +406,13 @@ TEST(DoctorFirewall, IsFollowedAsTheKernelDoes) {
   };
   const auto drops = WITH(d.firewall[0].policy = "drop");
   EXPECT_EQ(fate({{{}, true, "reject", ""}}), "");
-  EXPECT_EQ(fate({{{}, true, "redirect", ""}}), "");
   EXPECT_EQ(fate({{{}, true, "", ""}}), "ok: ");
   EXPECT_EQ(fate({kAccept, kDrop}), "ok: ");
   EXPECT_EQ(fate({{{{"tcp dport", false, {"22"}}}, true, "accept", ""}, kDrop}), "") << "answers";
   EXPECT_EQ(fate({kAccept}, drops), "ok: ");
   EXPECT_EQ(fate({{{}, true, "return", ""}, kAccept}, drops), "");
+  EXPECT_EQ(fate({{{}, false, "return", ""}, kAccept}, drops), "warn: ");
+  EXPECT_EQ(fate({{{}, false, "accept", ""}}), "ok: ");
   EXPECT_EQ(fate({{{}, false, "accept", ""}, kDrop}), "warn: ");
   EXPECT_EQ(fate({kPerhapsDrop, kAccept}), "warn: ");
   EXPECT_EQ(fate({kPerhapsDrop}, WITH(d.peer.ssh = SILENT)), "");
@@ -434,15 +432,6 @@ TEST(DoctorFirewall, IsFollowedAsTheKernelDoes) {
   EXPECT_EQ(fate({kDrop}, WITH(d.firewall[0].family = "ip6")), "ok: ");
   EXPECT_EQ(fate({kDrop}, WITH(d.firewall[0].family = "arp")), "ok: ");
   EXPECT_EQ(fate({kDrop}, WITH(d.link.interfaces.clear())), "none");
-}
-
-TEST(DoctorFirewall, MayDropAfterADoubtfulReturn) {
-  const Rule perhapsReturn = {{}, false, "return", ""};
-  EXPECT_EQ(fate({perhapsReturn, kAccept}, WITH(d.firewall[0].policy = "drop")), "warn: ");
-}
-
-TEST(DoctorFirewall, DropsNothingIfAllDoubtfulRulesAccept) {
-  EXPECT_EQ(fate({{{}, false, "accept", ""}}), "ok: ");
 }
 
 TEST(DoctorFirewall, MatchesPacketsByTheirFields) {
@@ -486,44 +475,28 @@ TEST(DoctorSshd, LetsTheAccountIn) {
 }
 
 TEST(DoctorSshd, SaysWhyItRefuses) {
-  const std::pair<const char*, std::string> reasons[] = {
-      {"x not listed in AllowUsers", "sshd: x not listed in AllowUsers $ AllowUsers root'"},
-      {"x listed in DenyUsers", "sshd: x listed in DenyUsers $ DenyUsers -'"},
-      {"x listed in DenyGroups", "sshd: x listed in DenyGroups $ DenyGroups -'"},
-      {"x listed in AllowGroups", "sshd: x listed in AllowGroups $ AllowGroups staff'"},
-      {"ROOT LOGIN REFUSED", "sshd: ROOT LOGIN REFUSED $ PermitRootLogin prohibit-password'"},
-      {"not in PubkeyAcceptedAlgorithms", "sshd: not in PubkeyAcceptedAlgorithms"},
-      {"revoked keys file", "sshd: revoked keys file $ RevokedKeys /dev/null'"},
-      {"maximum authentication attempts exceeded", "sshd: maximum authentication attempts exceeded"},
-      {"tcp wrapper", "sshd: tcp wrapper"},
-      {"another reason", "sshd: another reason $ "},
-  };
-  for (const auto& [words, found] : reasons)
-    Check{"sshd-config", paired}.finds(
-        {{[&, line = words](Device& d) {
-            d.user.group = "staff", d.sshd.rehearsal = Rehearsal{false, true, {line}};
-          },
-          found}});
-  static const auto say = [](Device& d, bool ours, const std::string& words) {
+  static const auto say = [](Device& d, const std::string& words, bool ours = true) {
+    d.user.group = "staff";
     d.sshd.rehearsal = Rehearsal{false, ours, split(words, "\n")};
   };
-  static const auto negotiate = [](Device& d, const char* what, const char* keyword) {
-    say(d, true, "Unable to negotiate: no " + std::string(what));
-    setLines(d, keyword, false);
-  };
   Check{"sshd-config", paired}.finds({
-      {WITH(negotiate(d, "host key", "hostkeyalgorithms")), "sshd: Unable to negotiate: no host key"},
-      {WITH(negotiate(d, "key exchange", "kexalgorithms")),
-       "sshd: Unable to negotiate: no key exchange $ sed --follow-symlinks -i '4{/^$/s/^/#/}' '/d e'"},
-      {WITH(negotiate(d, "MAC", "macs")), "sshd: Unable to negotiate: no MAC"},
-      {WITH(negotiate(d, "cipher", "ciphers")), "sshd: Unable to negotiate: no cipher"},
-      {WITH(say(d, true, "listed in DenyUsers"), setLines(d, "denyusers", true)),
+      {WITH(say(d, "not listed in AllowUsers")), "sshd: not listed in AllowUsers $ AllowUsers root'"},
+      {WITH(say(d, "listed in DenyUsers")), "sshd: listed in DenyUsers $ DenyUsers -'"},
+      {WITH(say(d, "listed in DenyUsers"), setLines(d, "denyusers", true)),
        "sshd: listed in DenyUsers | no command changes this for one user: edit sshd's configuration $ "},
-      {WITH(say(d, true, "")), "sshd does not accept the key in authorized_keys"},
-      {WITH(say(d, false, "")), "ok: its settings let root log in with a key"},
-      {WITH(say(d, false, "x maximum authentication attempts exceeded")),
-       "ok: its settings let root log in with a key"},
-      {WITH(say(d, true, "x"), d.pairing.lines.clear()), "ok: its settings let root log in with a key"},
+      {WITH(say(d, "x\nlisted in AllowGroups")), "sshd: listed in AllowGroups $ AllowGroups staff'"},
+      {WITH(say(d, "listed in DenyGroups")), "sshd: listed in DenyGroups $ DenyGroups -'"},
+      {WITH(say(d, "ROOT LOGIN REFUSED")), "sshd: ROOT LOGIN REFUSED $ PermitRootLogin prohibit-password'"},
+      {WITH(say(d, "revoked keys file")), "sshd: revoked keys file $ RevokedKeys /dev/null'"},
+      {WITH(say(d, "revoked by file")), "sshd: revoked by file $ dorve-client"},
+      {WITH(say(d, "tcp wrapper")), "sshd: tcp wrapper | hosts_access(5) keeps the other device out"},
+      {WITH(say(d, "Unable to negotiate: no key exchange"), setLines(d, "kexalgorithms", false)),
+       "sshd: Unable to negotiate: no key exchange $ sed --follow-symlinks -i '4{/^$/s/^/#/}' '/d e'"},
+      {WITH(say(d, "another reason")), "sshd: another reason $ "},
+      {WITH(say(d, "")), "sshd does not accept the key in authorized_keys"},
+      {WITH(say(d, "", false)), "ok: its settings let root log in with a key"},
+      {WITH(say(d, "maximum authentication attempts", false)), "ok: its settings let root log in with a key"},
+      {WITH(say(d, "x"), d.pairing.lines.clear()), "ok: its settings let root log in with a key"},
       {WITH(d.sshd.rehearsal = {}), "ok: its settings let root log in with a key"},
   });
 }
@@ -531,7 +504,6 @@ TEST(DoctorSshd, SaysWhyItRefuses) {
 TEST(DoctorSshd, HasSettingsThatLetThisUserIn) {
   const std::pair<const char*, std::string> settings[] = {
       {"pubkeyauthentication no", "PubkeyAuthentication no $ PubkeyAuthentication yes'"},
-      {"permitrootlogin no", "PermitRootLogin no $ PermitRootLogin prohibit-password'"},
       {"permitrootlogin forced-commands-only", "PermitRootLogin forced-commands-only"},
       {"pubkeyacceptedalgorithms ssh-rsa", "PubkeyAcceptedAlgorithms ssh-rsa"},
       {"authenticationmethods publickey,password", "AuthenticationMethods publickey,password"},
@@ -565,17 +537,15 @@ TEST(DoctorSshd, AcceptsItsConfiguration) {
        "skip: not checked: only root can read the whole configuration"},
       {WITH(fail(d, "UNPROTECTED PRIVATE KEY FILE\nno hostkeys")), "others may read sshd's host keys"},
       {WITH(fail(d, "no hostkeys available")), "sshd has no host keys $ ssh-keygen -A"},
-      {WITH(fail(d, "Missing privilege separation directory: /r")),
-       "Missing privilege separation directory: /r"},
-      {WITH(fail(d, "/r must be owned by root and not group or world-writable.")),
-       "/r must be owned by root and not group or world-writable."},
-      {WITH(fail(d, "Privilege separation user sshd does not exist")),
-       "Privilege separation user sshd does not exist"},
-      {WITH(fail(d, "/etc/ssh/sshd_config: No such file or directory")),
-       "/etc/ssh/sshd_config: No such file or directory"},
+      {WITH(fail(d, "Missing privilege separation directory")),
+       "Missing privilege separation directory $ mkdir -p -m 755 /run/sshd"},
+      {WITH(fail(d, "/r must be owned by root and not group or world-writable")),
+       "/r must be owned by root and not group or world-writable | sshd refuses every connection"},
+      {WITH(fail(d, "Privilege separation user")),
+       "Privilege separation user | the installation of sshd is damaged"},
       {WITH(fail(d, "/c line 3: x"), d.sshd.fault = {"/c", 3, "x"}), "/c line 3: x $ "},
-      {WITH(fail(d, "Port is bad"), setLines(d, "port", false)), "Port is bad"},
-      {WITH(fail(d, "/c line 3: x"), d.sshd.fault = {"/c", 3, "Match x"}), "/c line 3: x $ "},
+      {WITH(fail(d, "Port is bad"), setLines(d, "port", false)),
+       "Port is bad $ sed --follow-symlinks -i '4{/^$/s/^/#/}' '/d e'"},
   });
 }
 
@@ -633,7 +603,6 @@ TEST(DoctorPairing, LeavesKeys) {
       {paired, "skip: this device is not paired yet $ dorve-client"},
       {WITH(d.pairing.otherUsers = {"a b"}),
        "warn: root is not paired, but a b is $ dorve-doctor --user 'a b'"},
-      {WITH(d.pairing.otherUsers = {"a", "b"}), "warn: root is not paired, but a, b are"},
   });
 }
 
@@ -689,40 +658,32 @@ TEST(DoctorLogin, FailsForAReasonThatSshSays) {
   });
 }
 
-TEST(DoctorLogin, ExplainsTheWordsOfSsh) {
-  const auto cause = [](const char* check, const Change& change) {
-    for (const Finding& finding : judged({refused, change}))
-      if (finding.name == check) return finding.cause;
-    return std::string("nothing");
-  };
-  static const auto say = [](Device& d, const char* words) { d.login.backWords = split(words, "\n"); };
-  EXPECT_EQ(cause("login-here", WITH(say(d, "Identity file x"))), "the other device has no pairing key");
-  EXPECT_EQ(cause("login-here", paired),
-            "sshd accepts the key in authorized_keys, so the other device has a different key");
-  EXPECT_EQ(cause("login-here", WITH(d.sshd.changedSinceStart = true)),
-            "sshd on this device refuses the key of the other one");
-  EXPECT_EQ(cause("login-here", WITH(d.login.backAccepted = true, say(d, "x"))),
-            "the shell /bin/bash, a forced command ends the login or hangs");
-  EXPECT_EQ(cause("login-here", WITH(say(d, "Connection closed"))),
-            "sshd accepts the key, so PAM refuses the account; the modules are in /etc/pam.d/sshd");
-  EXPECT_EQ(cause("login-here", WITH(say(d, "Connection closed"), setSshd(d, "usepam no"))), "");
-  EXPECT_EQ(cause("login-here", WITH(say(d, "timed out"))),
-            "a firewall on this device or on the other one drops the packets");
-}
-
 TEST(DoctorLogin, FromTheOtherDeviceIsTriedOrExplained) {
+  static const auto say = [](Device& d, const char* words) { d.login.backWords = split(words, "\n"); };
   static const auto quote = WITH(d.sshd.log = std::vector<std::string>{"a", "b"});
   Check{"login-here", refused}.finds({
-      {paired, "1.0.0.1 cannot log in here: Permission denied $ dorve-client"},
+      {paired,
+       "1.0.0.1 cannot log in here: Permission denied | sshd accepts the key in authorized_keys, so the "
+       "other device has a different key $ dorve-client"},
+      {WITH(d.sshd.changedSinceStart = true),
+       "1.0.0.1 cannot log in here: Permission denied | sshd on this device refuses the key of the other "
+       "one"},
+      {WITH(say(d, "Identity file x")),
+       "1.0.0.1 cannot log in here: Identity file x | the other device has no pairing key $ dorve-client"},
+      {WITH(say(d, "Connection closed")),
+       "1.0.0.1 cannot log in here: Connection closed | sshd accepts the key, so PAM refuses the account; "
+       "the modules are in /etc/pam.d/sshd"},
+      {WITH(say(d, "timed out")),
+       "1.0.0.1 cannot log in here: timed out | a firewall on this device or on the other one drops the "
+       "packets"},
+      {WITH(d.login.backAccepted = true, d.user.startFiles = {"/b"}, say(d, "x\ny")),
+       "1.0.0.1 can log in here, but no command runs: x; y | the shell /bin/bash, a forced command or a "
+       "start-up file (/b) ends the login or hangs"},
       {WITH(d.login.backTried = false),
        "skip: not tried, because this device cannot log in there; sshd on this device accepts the key in "
        "authorized_keys"},
       {WITH(d.login.backTried = false, d.login.proven = true),
        "skip: not tried; sshd on this device accepts the key in authorized_keys"},
-      {WITH(d.login.backAccepted = true, d.login.backWords = {"x"}),
-       "1.0.0.1 can log in here, but no command runs: x"},
-      {WITH(d.login.backAccepted = true, d.login.backWords.clear(), d.user.startFiles = {"/b"}),
-       "1.0.0.1 can log in here, but no command runs"},
   });
   Check{"sshd-log", refused}.finds({
       {quote, "skip: sshd's log about the last refused login: a; b"},

@@ -192,12 +192,7 @@ TEST(DoctorCommands, EndOnlyTheSameProgram) {
   EXPECT_EQ(d.commands.end({{9, "nc", "/a b"}, {8, "nc", "/c"}}),
             "[ /proc/9/exe -ef '/a b' ] && kill 9; [ /proc/8/exe -ef /c ] && kill 8");
   EXPECT_EQ(d.commands.end({{9, "nc", ""}}) + d.commands.end({{1, "x", "/x"}}) + d.commands.end({}), "");
-  EXPECT_EQ(d.commands.end({{9, "sshd", "/usr/sbin/sshd"}}), "");
-}
-
-TEST(DoctorCommands, EndNoLogin) {
   // This part of sshd serves a login, and may hold a port that the login forwards.
-  Fixed d;
   EXPECT_EQ(d.commands.end({{9, "sshd-session", "/usr/lib/openssh/sshd-session"}}), "");
 }
 

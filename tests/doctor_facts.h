@@ -91,14 +91,6 @@ struct Device {
   Listener& listener() { return processes.listeners[0]; }
 
   void proveLogins() { login.tried = login.proven = login.backTried = login.backProven = true; }
-
-  /// Neither login works. ssh prints `words` here, and `backWords` on the other device.
-  void failLogins(std::vector<std::string> words, std::vector<std::string> backWords) {
-    login.tried = login.backTried = true;
-    login.outcome = exited(255);
-    login.words = std::move(words);
-    login.backWords = std::move(backWords);
-  }
 };
 
 }  // namespace dorve

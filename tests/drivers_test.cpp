@@ -32,13 +32,8 @@ class Drivers : public testing::Test {
     EXPECT_FALSE(driver.validateKeyFormat("no key"));
     EXPECT_EQ(driver.calculateKeyHash("abc"),
               "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-    driver.addAuthKey("ssh-ed25519 K base_slice_exchange\n");
-    EXPECT_EQ(file("authorized_keys"), "ssh-ed25519 K base_slice_exchange\n");
     driver.addKnownHost("ssh-ed25519 H", "10.0.0.9");
     EXPECT_EQ(file("known_hosts"), "10.0.0.9 ssh-ed25519 H");
-    driver.addSshConfig("10.0.0.9");
-    EXPECT_TRUE(file("config").starts_with("\nHost 10.0.0.9\n    IdentityFile " + directory +
-                                           "/base_slice_exchange\n"));
     return testing::internal::GetCapturedStdout();
   }
 

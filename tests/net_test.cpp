@@ -12,7 +12,6 @@
 #include <memory>
 #include <thread>
 
-#include "dorve/util/sleep.h"
 #include "test_access.h"
 
 /// The largest number of bytes that one send() sends.

@@ -168,13 +168,6 @@ def test_reports_a_response_that_does_not_come_whole(client_in, phase):
         assert peer.client.wait() == failure(phase, f"{line}\n")
 
 
-def test_reports_a_broken_connection(client_in):
-    peer = client_in(3)
-    wire.reset(peer.connection)
-    assert peer.client.wait() == failure(3, "Receive failed: Receive failed: Connection reset by peer\n",
-                                         "Retry 1/3 after 200ms backoff\n")
-
-
 def test_reports_a_request_that_cannot_be_sent(client_in, tampered):
     peer = client_in(1, tampered("dorve-client", "sendto:error=EPIPE:when=3"))
     peer.send(peer.response())

@@ -102,8 +102,11 @@ bool hasAuthKey(const std::string& sshDir, std::string_view publicKey) {
   if (publicKey.ends_with('\n')) publicKey.remove_suffix(1);
   if (publicKey.empty()) return false;
   // With a newline on both sides of text and key, a match covers whole lines.
-  const std::string lines = "\n" + readFileText(sshDir + "/authorized_keys").value_or("") + "\n";
-  return lines.find("\n" + std::string(publicKey) + "\n") != std::string::npos;
+  const auto betweenNewlines = [](std::string_view text) {
+    return std::string("\n").append(text).append("\n");
+  };
+  const std::string lines = betweenNewlines(readFileText(sshDir + "/authorized_keys").value_or(""));
+  return lines.find(betweenNewlines(publicKey)) != std::string::npos;
 }
 
 bool hasSshConfig(const std::string& sshDir, const char* host) {

@@ -20,7 +20,7 @@ constexpr unsigned long kClientTimeoutMs = 5000;
 
 /// How a run of `DorveServer::serve` ended.
 enum class ServeResult {
-  SERVED,   ///< the client has left, confirmed or failed; `keysInstalled` says which of these matters
+  SERVED,   ///< a client was served, whatever the result: ask `keysInstalled`
   STOPPED,  ///< a stop ended the wait for a client, or the service of a client
   FAILED,   ///< the listening socket or the connection can't be used
 };

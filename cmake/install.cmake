@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
-# The files that `cmake --install` installs, in the directories of GNUInstallDirs. The man pages, the units and the
-# pkg-config file get their version and paths from this build.
+# The files that `cmake --install` installs, in the directories of GNUInstallDirs. The man pages get their version from
+# this build. The units and the pkg-config file also contain paths, so install_configured.cmake installs them.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 set(unit_dir lib/systemd/system) # systemd reads units here, even where CMAKE_INSTALL_LIBDIR is not lib
@@ -9,16 +9,17 @@ set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/dorve)
 install(TARGETS dorve-client dorve-doctor dorve-server dorve-unpair RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES wireshark/dorve.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/dorve)
 
-foreach(page dorve-client.1 dorve-doctor.1 dorve-server.1 dorve-unpair.1 dorve.7)
+foreach(page dorve-client.1 dorve-doctor.1 dorve-server.1 dorve-unpair.1 dorve.7 libdorve.3)
   configure_file(man/${page} ${PROJECT_BINARY_DIR}/man/${page} @ONLY)
   string(REGEX REPLACE ".*[.]" "" section ${page})
   install(FILES ${PROJECT_BINARY_DIR}/man/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
 endforeach()
 
-foreach(program dorve-client dorve-server)
-  configure_file(systemd/${program}.service.in ${PROJECT_BINARY_DIR}/systemd/${program}.service @ONLY)
-  install(FILES ${PROJECT_BINARY_DIR}/systemd/${program}.service DESTINATION ${unit_dir})
+foreach(variable PROJECT_SOURCE_DIR PROJECT_BINARY_DIR PROJECT_VERSION
+        CMAKE_INSTALL_BINDIR CMAKE_INSTALL_INCLUDEDIR CMAKE_INSTALL_LIBDIR unit_dir)
+  install(CODE "set(${variable} \"${${variable}}\")")
 endforeach()
+install(SCRIPT cmake/install_configured.cmake)
 install(FILES systemd/dorve-.service.d/sandbox.conf DESTINATION ${unit_dir}/dorve-.service.d)
 install(FILES systemd/80-dorve.preset DESTINATION lib/systemd/system-preset)
 install(DIRECTORY docs/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
@@ -34,5 +35,3 @@ install(EXPORT dorve NAMESPACE dorve:: FILE dorve-targets.cmake DESTINATION ${pa
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/dorve-config-version.cmake COMPATIBILITY SameMajorVersion)
 install(FILES cmake/dorve-config.cmake ${PROJECT_BINARY_DIR}/dorve-config-version.cmake
   DESTINATION ${package_dir})
-configure_file(cmake/dorve.pc.in ${PROJECT_BINARY_DIR}/dorve.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/dorve.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

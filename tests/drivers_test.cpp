@@ -60,6 +60,25 @@ TEST_F(Drivers, ServerChecksTheFormOfTokensAndInstallsInHandlersOnly) {
   EXPECT_TRUE(std::filesystem::is_empty(directory));
 }
 
+TEST_F(Drivers, ClientKnowsWhetherBothFilesHoldWhatItInstalled) {
+  DorveClient client("127.0.0.1", 8888, directory);
+  const auto rewrite = [&](const char* name, const char* text) {
+    std::ofstream(directory + "/" + name) << text;
+    return client.keysInstalled();
+  };
+  client.addAuthKey("");
+  client.addSshConfig("172.20.10.1");
+  EXPECT_FALSE(client.keysInstalled()) << "without a key from the server";
+  TestAccess::setPeerKey(client, "ssh-ed25519 K base_slice_exchange\n");
+  EXPECT_FALSE(client.keysInstalled()) << "before the installation";
+  client.installKeysLocally();
+  EXPECT_TRUE(client.keysInstalled());
+  EXPECT_FALSE(rewrite("authorized_keys", "#ssh-ed25519 K base_slice_exchange\n"));
+  EXPECT_FALSE(rewrite("authorized_keys", "ssh-ed25519 K base_slice_exchange2\n"));
+  EXPECT_TRUE(rewrite("authorized_keys", "a\nssh-ed25519 K base_slice_exchange"));
+  EXPECT_FALSE(rewrite("config", "Host 172.20.10.2\n"));
+}
+
 TEST_F(Drivers, ClientPausesForTheFirstThreeFailuresOnly) {
   DorveClient client("127.0.0.1", 8888, directory);
   int ends[2];

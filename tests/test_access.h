@@ -34,6 +34,8 @@ struct TestAccess {
     return client.calculateBackoffMs();
   }
 
+  static void setPeerKey(DorveClient& client, const char* key) { writeText(client.peerPublicKey, key); }
+
   /// One receive of a client on a connection that the test made.
   static bool receive(DorveClient& client, NqSocket&& connection, unsigned int timeoutMs) {
     if (TestAccess::descriptor(connection) >= 0) client.socket = std::move(connection);

@@ -47,4 +47,8 @@ bool DorveClient::installKeysLocally() {
   return true;
 }
 
+bool DorveClient::keysInstalled() const {
+  return hasAuthKey(sshDir, readText(peerPublicKey)) && hasSshConfig(sshDir, kServerAddress);
+}
+
 }  // namespace dorve

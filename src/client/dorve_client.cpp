@@ -32,6 +32,22 @@ DorveClient::DorveClient(const std::string& address, int port, const std::string
 
 DorveClient::~DorveClient() = default;
 
+ClientState DorveClient::getState() const {
+  return state;
+}
+
+std::uint32_t DorveClient::getPhase() const {
+  return currentPhase;
+}
+
+std::uint32_t DorveClient::getLastErrorCode() const {
+  return lastErrorCode;
+}
+
+std::uint64_t DorveClient::getStateEnteredMs() const {
+  return stateEnteredMs;
+}
+
 void DorveClient::transitionTo(ClientState next) {
   std::cout << "State transition: " << stateName(state) << " -> " << stateName(next) << std::endl;
   state = next;

@@ -61,6 +61,11 @@ void replaceEntry(const std::string& path, std::string_view marker, std::string_
   chmod(path.c_str(), kFileMode);
 }
 
+/// The first line of the block for `host`. It marks the block in every edit and search.
+std::string hostLineOf(const char* host) {
+  return std::string("Host ") + host;
+}
+
 }  // namespace
 
 void makeSshDirectory(const std::string& sshDir) {
@@ -81,7 +86,7 @@ void addKnownHost(const std::string& sshDir, const char* publicKey, const char* 
 
 void addSshConfig(const std::string& sshDir, const std::string& keyName, const char* host) {
   const std::string path = sshDir + "/config";
-  const std::string hostLine = std::string("Host ") + host;
+  const std::string hostLine = hostLineOf(host);
   const auto text = readFileText(path);
   if (text && text->find(hostLine) == std::string::npos) {
     // The leading newline also ends a last line that lacks its newline.
@@ -89,6 +94,21 @@ void addSshConfig(const std::string& sshDir, const std::string& keyName, const c
     appendAllOrNothing(path, "\n" + hostBlock(sshDir, keyName, host));
   }
   chmod(path.c_str(), kFileMode);
+}
+
+bool hasAuthKey(const std::string& sshDir, std::string_view publicKey) {
+  if (publicKey.ends_with('\n')) publicKey.remove_suffix(1);
+  if (publicKey.empty()) return false;
+  // With a newline on both sides of text and key, a match covers whole lines.
+  const auto betweenNewlines = [](std::string_view text) {
+    return std::string("\n").append(text).append("\n");
+  };
+  const std::string lines = betweenNewlines(readFileText(sshDir + "/authorized_keys").value_or(""));
+  return lines.find(betweenNewlines(publicKey)) != std::string::npos;
+}
+
+bool hasSshConfig(const std::string& sshDir, const char* host) {
+  return readFileText(sshDir + "/config").value_or("").find(hostLineOf(host)) != std::string::npos;
 }
 
 }  // namespace dorve

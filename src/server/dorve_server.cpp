@@ -8,6 +8,7 @@
 #include "dorve/keys/ssh_files.h"
 #include "dorve/net/endpoints.h"
 #include "dorve/protocol/session_token.h"
+#include "dorve/server/stop_watcher.h"
 #include "dorve/util/report_error.h"
 
 namespace dorve {
@@ -15,7 +16,6 @@ namespace {
 
 constexpr int kBacklog = 1;
 constexpr unsigned long kListenerTimeoutMs = 60000;
-constexpr unsigned long kClientTimeoutMs = 5000;
 constexpr int kBindRetries = 100;
 constexpr unsigned int kBindRetryMs = 200;
 
@@ -28,16 +28,15 @@ MessageType typeOf(const std::uint8_t* message) {
   return static_cast<MessageType>(reinterpret_cast<const MessageHeader*>(message)->type);
 }
 
+/// A client installs its key after the response to the first of these, and before it sends the second.
+bool letsClientInstall(MessageType type) {
+  return type == MessageType::VERIFY_KEYS_REQUEST || type == MessageType::INSTALL_KEYS_REQUEST;
+}
+
 /// The bytes of a message as the record that a handler takes.
 template <typename Response, typename Request>
 const Request* argumentOf(Response (DorveServer::*)(const Request*), const std::uint8_t* message) {
   return reinterpret_cast<const Request*>(message);
-}
-
-/// Reports a socket failure in one line without details. The text of `failure` is dropped on purpose.
-void reportException(const NqSocketException& failure) {
-  [[maybe_unused]] const char* dropped = failure.what();
-  std::cerr << "Exception" << std::endl;
 }
 
 }  // namespace
@@ -57,10 +56,7 @@ bool DorveServer::start() {
     listener.setTimeout(kListenerTimeoutMs);
     listener.bind(makeAddress(kServerAddress, kPort), kBindRetries, kBindRetryMs);
     listener.listen(kBacklog);
-    // The first HMAC makes libcrypto load its providers.
-    // This is done before a client connects, so that the client need not wait for it in phase 1.
-    unsigned char mac[kMacSize];
-    SessionToken::hmacSha256("", 0, "", 0, mac);
+    prepareTokens();
     NqSocket client = listener.accept();
     client.setTimeout(kClientTimeoutMs);
     processRequest(client);
@@ -69,6 +65,16 @@ bool DorveServer::start() {
     return false;
   }
   return true;
+}
+
+void DorveServer::prepareTokens() {
+  unsigned char mac[kMacSize];
+  SessionToken::hmacSha256("", 0, "", 0, mac);
+}
+
+void DorveServer::reportException(const NqSocketException& failure) {
+  [[maybe_unused]] const char* dropped = failure.what();
+  std::cerr << "Exception" << std::endl;
 }
 
 void DorveServer::processRequest(NqSocket& client) {
@@ -81,8 +87,13 @@ void DorveServer::processRequest(NqSocket& client) {
   }
 }
 
+unsigned long DorveServer::receive(NqSocket& client, void* buffer, unsigned long size) {
+  if (stopWatcher != nullptr && !stopWatcher->awaitBytes(static_cast<int>(kClientTimeoutMs))) return 0;
+  return client.receive(buffer, size);
+}
+
 bool DorveServer::serveRequest(NqSocket& client, std::uint8_t* request) {
-  const std::size_t received = client.receive(request, SERVER_RECEIVE_BUFFER);
+  const std::size_t received = receive(client, request, SERVER_RECEIVE_BUFFER);
   if (received == 0) return false;
   if (!completeAndValidate(client, request, received)) {
     reportError();
@@ -105,7 +116,7 @@ bool DorveServer::completeAndValidate(NqSocket& client, std::uint8_t* buffer, st
   const std::uint32_t length = reinterpret_cast<const MessageHeader*>(buffer)->length;
   if (length > SERVER_RECEIVE_BUFFER) return false;
   while (received < length) {
-    const std::size_t more = client.receive(buffer + received, length - received);
+    const std::size_t more = receive(client, buffer + received, length - received);
     if (more == 0) {
       // The caller prints "Error" again, on purpose:
       // two such lines mean that the connection closed inside a message.
@@ -122,6 +133,7 @@ bool DorveServer::completeAndValidate(NqSocket& client, std::uint8_t* buffer, st
 
 bool DorveServer::handle(NqSocket& client, const std::uint8_t* request) {
   const auto respond = [&](auto handler) {
+    if (stopWatcher != nullptr && letsClientInstall(typeOf(request))) stopWatcher->letFinish();
     const auto response = (this->*handler)(argumentOf(handler, request));
     responseCache.store(requestIdOf(request), &response, sizeof response);
     client.sendAll(&response, sizeof response);

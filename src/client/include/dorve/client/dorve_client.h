@@ -20,6 +20,8 @@ class DorveClient {
  public:
   /// Calls `makeSshDirectory` for the SSH directory `directory`.
   /// `address` is the server's address in dotted decimal, and `port` is in host byte order.
+  /// Only the connection uses them: the block in config is for `kServerAddress`, whatever `address` is.
+  /// For another address, call `addSshConfig` after the run.
   DorveClient(const std::string& address, int port, const std::string& directory);
 
   /// Closes the connection without a message to the server.
@@ -29,6 +31,7 @@ class DorveClient {
 
   /// Generates the pairing key, waits for the interface, connects and runs the phases.
   /// Returns true if all five succeed. Throws NqSocketException if the connection can't be set up.
+  /// The name of the interface and all timeouts are fixed. Nothing stops a run early.
   bool start();
 
   /// The operations of dorve/keys/ for this client's SSH directory and pairing key.
@@ -40,9 +43,28 @@ class DorveClient {
   void addKnownHost(const char* publicKey, const char* host);
   void addSshConfig(const char* host);
 
-  /// Adds the server's public key to authorized_keys, and the block for the server's address to config.
+  /// Adds the server's public key to authorized_keys, and the block for `kServerAddress` to config.
   /// Always returns true.
   bool installKeysLocally();
+
+  /// Returns whether this device now has what `installKeysLocally` installs: authorized_keys contains the key
+  /// that the server sent in this run, and config has a block for `kServerAddress`. Reads both files.
+  /// If this is true and `start` failed, the server may lack this client's key. For embedders.
+  bool keysInstalled() const;
+
+  /// What the run has reached, for embedders. The state stays where a send or receive failed;
+  /// only a response that fails a check enters ERROR. No operation is safe during `start` in another thread.
+  ClientState getState() const;
+
+  /// The number of the last phase that began: 0 to 4, and 0 before the first one.
+  std::uint32_t getPhase() const;
+
+  /// The code of the last failed check, as printed after "code=0x" (dorve-client(1)); 0 if none failed.
+  std::uint32_t getLastErrorCode() const;
+
+  /// The steady clock, in milliseconds, at the last transition; 0 before `start`. ERROR counts as no
+  /// transition.
+  std::uint64_t getStateEnteredMs() const;
 
  private:
   friend struct TestAccess;
@@ -99,13 +121,13 @@ class DorveClient {
   char localPublicKey[kPublicKeyCapacity] = {};
   char peerPublicKey[kPublicKeyCapacity] = {};
   char sessionToken[kTokenCapacity] = {};
-  std::uint64_t stateEnteredMs = 0;  ///< steady clock at the last transition; written, never read
+  std::uint64_t stateEnteredMs = 0;  ///< steady clock at the last transition
   std::uint32_t retryCount = 0;      ///< number of pauses in this run; never reset
-  std::uint32_t currentPhase = 0;    ///< written, never read
+  std::uint32_t currentPhase = 0;
   [[maybe_unused]] std::int32_t unusedDescriptor = -1;  ///< never used; `socket` holds the connection
   sockaddr_in serverAddr;
   std::uint32_t sequenceNumber = 0;
-  std::uint32_t lastErrorCode = 0;  ///< code of the last failed check; written, never read
+  std::uint32_t lastErrorCode = 0;  ///< code of the last failed check
   std::string sshDir;
   std::string keyName;
   VersionManager versionManager;

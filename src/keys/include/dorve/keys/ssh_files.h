@@ -3,6 +3,7 @@
 #define DORVE_KEYS_SSH_FILES_H_
 
 #include <string>
+#include <string_view>
 
 /// Edits of the files in a user's SSH directory (formats: sshd(8), ssh_config(5)).
 ///
@@ -31,6 +32,13 @@ void addKnownHost(const std::string& sshDir, const char* publicKey, const char* 
 /// The block is added only if "Host `host`" occurs nowhere in the file.
 /// A comment or a longer address counts as an occurrence.
 void addSshConfig(const std::string& sshDir, const std::string& keyName, const char* host);
+
+/// Returns whether `sshDir`/authorized_keys contains `publicKey`, with or without its newline, as whole
+/// lines. An empty key is never there. For embedders; the programs do not call it.
+bool hasAuthKey(const std::string& sshDir, std::string_view publicKey);
+
+/// Returns whether `sshDir`/config contains "Host `host`", so that `addSshConfig` would add no block.
+bool hasSshConfig(const std::string& sshDir, const char* host);
 
 }  // namespace dorve
 

@@ -15,6 +15,18 @@ namespace dorve {
 /// The largest message that the server reads, in bytes.
 constexpr std::size_t SERVER_RECEIVE_BUFFER = 8192;
 
+/// The timeout of each receive from the client and each send to it.
+constexpr unsigned long kClientTimeoutMs = 5000;
+
+/// How a run of `DorveServer::serve` ended.
+enum class ServeResult {
+  SERVED,   ///< a client was served, whatever the result: ask `keysInstalled`
+  STOPPED,  ///< a stop ended the wait for a client, or the service of a client
+  FAILED,   ///< the listening socket or the connection can't be used
+};
+
+class StopWatcher;
+
 /// The server side of a pairing. One object serves one client on one connection.
 /// It accepts requests in any order and handles them one at a time.
 /// It trusts the client: it ignores the tokens, hashes and flags in requests. An object is larger than 90 KB.
@@ -30,7 +42,33 @@ class DorveServer {
   /// Generates the pairing key, accepts one client within 60 seconds and serves it.
   /// Returns true after serving a client, whatever the result. Returns false, after printing "Exception"
   /// on standard error, if the sockets can't be set up or no client connects.
+  /// Nothing ends the wait early: `serve` is the run that can be stopped.
   bool start();
+
+  /// Waits for one client on `listener`, generates the pairing key and serves the client, until `stop` is
+  /// readable. For embedders.
+  ///
+  /// `listener` is a listening socket of any address and family, blocking or not. It stays the caller's: the
+  /// server neither closes it nor changes its flags. If it is blocking, nobody else may accept on it
+  /// meanwhile. The block in config is for `kClientAddress`, whatever the address of the client is.
+  ///
+  /// `stop` is a descriptor such as an eventfd(2), a pipe, a signalfd(2) or a timerfd_create(2), or -1 for
+  /// none. A signal handler or another thread stops the server by making it readable, with write(2). The
+  /// server does not read it: it stays readable, so a second stop changes nothing, and the next run returns
+  /// at once.
+  /// - A stop before a client connects changes nothing on this device, and the old pairing key stays.
+  /// - Until the client has been told VERIFIED, a stop closes the connection. Neither device installs a key,
+  ///   but this device has a new pairing key.
+  /// - After that, the client may already have installed its key, so it has up to 5 seconds to finish.
+  ///   If it does, the result is SERVED, because the pairing is complete on both devices.
+  ///
+  /// Returns FAILED, after printing "Exception" on standard error, if `listener` can't be used.
+  ServeResult serve(int listener, int stop);
+
+  /// Returns whether this device now has what a client's InstallKeysRequest installs: authorized_keys
+  /// contains the last key that the client sent in this run, and config has a block for `kClientAddress`.
+  /// Reads both files. dorve-client has installed its key before it sends that request. For embedders.
+  bool keysInstalled() const;
 
   /// Serves a connection until the client closes it, a ConfirmInstallRequest has been handled
   /// or the socket fails. Drops each message that is not a complete, valid request: prints "Error"
@@ -89,7 +127,17 @@ class DorveServer {
 
   /// Receives the rest of the message whose first `received` bytes are in `buffer`, decodes its header
   /// and zeroes the unused bytes of the buffer. Returns whether the message is complete and valid.
-  static bool completeAndValidate(NqSocket& client, std::uint8_t* buffer, std::size_t received);
+  bool completeAndValidate(NqSocket& client, std::uint8_t* buffer, std::size_t received);
+
+  /// Receives like `client`. In `serve`, a stop looks as if the client had closed the connection.
+  unsigned long receive(NqSocket& client, void* buffer, unsigned long size);
+
+  /// Makes libcrypto load its providers, which the first HMAC does.
+  /// Called before a client connects, so that the client need not wait for it in phase 1.
+  static void prepareTokens();
+
+  /// Reports a socket failure in one line without details. The text of `failure` is dropped on purpose.
+  static void reportException(const NqSocketException& failure);
 
   /// Handles a valid request, stores the response and sends it. Returns false for an unknown type.
   bool handle(NqSocket& client, const std::uint8_t* request);
@@ -103,6 +151,7 @@ class DorveServer {
   VersionTable versionTable;
   std::string sshDir;
   std::string keyName;
+  StopWatcher* stopWatcher = nullptr;  ///< of the client that `serve` serves
 };
 
 }  // namespace dorve

@@ -37,8 +37,8 @@ fault_packages=(strace time)
 bench_packages=(libbenchmark-dev zlib1g-dev sshpass gnuplot-nox)
 
 # If root uses another user's checkout, `owner` is the UID:GID of this user, and the prefix `as_owner` runs a command as
-# this user. Otherwise both are empty. The user has called sudo or su. In a container, the owner of the checkout may have
-# no account, or no access to the checkout. Then root keeps it.
+# this user. Otherwise both are empty. The user has called sudo or su. In a container, the owner of the checkout may
+# have no account, or no access to the checkout. Then root keeps it.
 owner='' as_owner=()
 find_owner() {
   local uid account gid home

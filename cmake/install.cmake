@@ -7,7 +7,11 @@ set(unit_dir lib/systemd/system) # systemd reads units here, even where CMAKE_IN
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/dorve)
 
 install(TARGETS dorve-client dorve-doctor dorve-server dorve-unpair RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(FILES wireshark/dorve.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/dorve)
+# Debian's Wireshark runs all Lua scripts in this directory.
+install(FILES wireshark/dorve.lua DESTINATION ${CMAKE_INSTALL_LIBDIR}/wireshark/plugins)
+foreach(program dorve-client dorve-doctor dorve-server dorve-unpair)
+  install(FILES completions/dorve.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program})
+endforeach()
 
 foreach(page dorve-client.1 dorve-doctor.1 dorve-server.1 dorve-unpair.1 dorve.7 libdorve.3)
   configure_file(man/${page} ${PROJECT_BINARY_DIR}/man/${page} @ONLY)

@@ -5,7 +5,10 @@
 # newly installed sshd is disabled.
 
 export LC_ALL=C.UTF-8 PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
+unset CDPATH
 checkout=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
+script=$(cd "$(dirname "$0")" && pwd -P)/${0##*/}
+script_arguments=("$@")
 
 # Most presets also build the tests, so they need the test libraries.
 # shellcheck disable=SC2034 # used by the scripts that source this
@@ -13,7 +16,7 @@ build_packages=(g++ cmake ninja-build libssl-dev nlohmann-json3-dev libgtest-dev
 # shellcheck disable=SC2034
 clang_packages=(clang)
 # shellcheck disable=SC2034
-deb_packages=(build-essential debhelper cmake libssl-dev nlohmann-json3-dev)
+deb_packages=(build-essential architecture-properties debhelper cmake libssl-dev nlohmann-json3-dev)
 # shellcheck disable=SC2034
 cross_packages=(mmdebstrap)
 # shellcheck disable=SC2034
@@ -33,12 +36,24 @@ fault_packages=(strace time)
 # shellcheck disable=SC2034
 bench_packages=(libbenchmark-dev zlib1g-dev sshpass gnuplot-nox)
 
-# A command prefix. It runs a command as the caller of sudo, if that user owns the checkout. Otherwise it is empty.
-as_caller=()
-if ((EUID == 0)) && [[ ${SUDO_UID:-0} != 0 && $(stat -c %u "$checkout") == "$SUDO_UID" ]]; then
-  as_caller=(setpriv --reuid "$SUDO_UID" --regid "$SUDO_GID" --init-groups
-    env "HOME=$(getent passwd "$SUDO_UID" | cut -d : -f 6)")
-fi
+# If root uses another user's checkout, `owner` is the UID:GID of this user, and the prefix `as_owner` runs a command as
+# this user. Otherwise both are empty. The user has called sudo or su. In a container, the owner of the checkout may
+# have no account, or no access to the checkout. Then root keeps it.
+owner='' as_owner=()
+find_owner() {
+  local uid account gid home
+  uid=$(stat -c %u "$checkout")
+  if ((EUID == 0 && uid != 0 && ${SUDO_UID:-$uid} == uid)) && account=$(getent passwd "$uid"); then
+    IFS=: read -r _ _ _ gid _ home _ <<<"$account"
+    as_owner=(setpriv --reuid "$uid" --regid "$gid" --init-groups env "HOME=$home")
+    if "${as_owner[@]}" test -w "$checkout"; then
+      owner=$uid:$gid
+    else
+      as_owner=()
+    fi
+  fi
+}
+find_owner
 
 bold='' plain=''
 if [[ -t 1 ]]; then
@@ -56,28 +71,89 @@ fail() {
   exit 1
 }
 
-# require_root ARGUMENT...: unless the script runs as root, prints the command to type and exits.
-# The ARGUMENTs are those of the script.
-require_root() {
-  if ((EUID != 0)); then
-    printf '%s needs root, type: sudo%s\n' "${0##*/}" "$(printf ' %q' "$0" "$@")" >&2
-    exit 1
-  fi
+# The comment at the top of the script, without the licence. It begins with SYNOPSIS: DESCRIPTION.
+header() {
+  sed -n '3,/^[^#]/ s/^# \{0,1\}//p' "$script"
 }
 
-# Makes the caller of sudo the owner of build/, because root may have written files there.
+# Prints how to call the script, and exits with status 2.
+usage() {
+  local line
+  line=$(header | head -n 1)
+  printf 'usage: %s\n' "${line%%: *}" >&2
+  exit 2
+}
+
+# Prints how to call the script and what it does.
+explain() {
+  local text
+  text=$(header)
+  printf 'usage: %s\n\n' "${text%%: *}"
+  text=${text#*: }
+  fmt --width=100 <<<"${text^}"
+}
+
+# read_arguments OPTIONS MOST ARGUMENT...: reads the script's ARGUMENTs. OPTIONS lists its long options as in getopt(1).
+# At most MOST other words may follow the options. The result is in `option`, by name, and in `words`.
+# Answers --help, and exits if an argument is wrong. The value of an option must not begin with "-", because it would be
+# the next option.
+declare -A option=()
+words=()
+read_arguments() {
+  local options=,$1, most=$2 parsed
+  shift 2
+  parsed=$(getopt --name "${0##*/}" --options +h --longoptions "help$options" -- "$@") || usage
+  eval "set -- $parsed"
+  while [[ $1 != -- ]]; do
+    case $1 in
+      -h | --help)
+        explain
+        exit
+        ;;
+    esac
+    if [[ $options == *",${1#--}:,"* ]]; then
+      [[ $2 && $2 != -* ]] || usage
+      option[${1#--}]=$2
+      shift
+    else
+      # shellcheck disable=SC2034 # used by the scripts that source this
+      option[${1#--}]=yes
+    fi
+    shift
+  done
+  shift
+  (($# <= most)) || usage
+  # shellcheck disable=SC2034
+  words=("$@")
+}
+
+# Unless the script runs as root, starts it again with sudo. Without sudo, prints the command to type and exits.
+become_root() {
+  local command
+  ((EUID != 0)) || return 0
+  command=$(printf '%q ' "$script" "${script_arguments[@]}")
+  command=${command% }
+  if [[ ! $(command -v sudo) ]]; then
+    fail "this needs root, and sudo is not installed. Type: su -c ${command@Q}"
+  fi
+  printf '%s needs root and starts again with sudo. If you may not use sudo, type: su -c %s\n' \
+    "${0##*/}" "${command@Q}" >&2
+  exec sudo ${CI+env "CI=$CI"} "$script" "${script_arguments[@]}"
+}
+
+# Makes the owner of the checkout the owner of build/, because root may have written files there.
 return_build() {
-  if [[ ${as_caller[*]} && -d $checkout/build ]]; then
-    chown -R "$SUDO_UID:$SUDO_GID" "$checkout/build"
+  if [[ $owner && -d $checkout/build ]]; then
+    chown -R "$owner" "$checkout/build"
   fi
 }
 
-# leave_root ARGUMENT...: restarts the script as the caller of sudo, if that user owns the checkout. The ARGUMENTs are
-# those of the script. It is for scripts that need root only to install packages.
+# Restarts the script as the owner of the checkout, if that is another user. It is for scripts that need root only to
+# install packages.
 leave_root() {
-  if [[ ${as_caller[*]} ]]; then
+  if [[ $owner ]]; then
     return_build
-    exec "${as_caller[@]}" "$0" "$@"
+    exec "${as_owner[@]}" "$script" "${script_arguments[@]}"
   fi
 }
 
@@ -113,9 +189,10 @@ allow_services() {
 }
 
 # install_missing PACKAGE...: installs the missing ones of these packages. No other function installs packages.
-# If sshd is already installed, its service stays as it is.
+# If sshd is already installed, its service stays as it is. A package list that cannot be downloaded matters only if the
+# installation then fails.
 install_missing() {
-  local package missing=() had_sshd='' policy_pipe policy_remover
+  local package missing=() had_sshd='' lists stale='' output failed='' policy_pipe policy_remover
   for package in "$@"; do
     # dpkg-query prints a line for each architecture of the package.
     if ! dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed; then
@@ -125,17 +202,25 @@ install_missing() {
   if ((${#missing[@]} == 0)); then
     return
   fi
-  ((EUID == 0)) || fail "packages are missing, type: sudo apt-get install ${missing[*]}"
+  become_root
   echo "Installing ${missing[*]}"
   [[ ! -e /usr/sbin/sshd ]] || had_sshd=yes
   export DEBIAN_FRONTEND=noninteractive
-  quietly 'apt-get update' apt-get update
+  lists=$(apt-get -o APT::Update::Error-Mode=any update 2>&1) || stale=yes
   forbid_services
-  quietly 'apt-get install' apt-get install --yes --no-install-recommends "${missing[@]}" </dev/null
+  output=$(apt-get install --yes --no-install-recommends "${missing[@]}" 2>&1 </dev/null) || failed=yes
   allow_services
+  if [[ $failed && $stale ]]; then
+    grep -E '^[EW]: ' <<<"$lists" >&2
+    printf '%s\n' "$output" >&2
+    fail 'apt-get could not download the package lists, see above. Is this machine connected to a network?'
+  elif [[ $failed ]]; then
+    printf '%s\n' "$output" >&2
+    fail 'apt-get install failed'
+  fi
   if [[ ! $had_sshd && -e /usr/sbin/sshd ]]; then
     quietly 'disabling the ssh service' update-rc.d ssh disable
-    echo 'Installed openssh-server and disabled its service. To start it, type: sudo systemctl enable --now ssh'
+    echo 'Installed openssh-server and disabled its service. To start it, type as root: systemctl enable --now ssh'
   fi
 }
 
@@ -146,6 +231,6 @@ build() {
   echo "Building $preset"
   cd "$checkout" || return
   return_build
-  quietly "configuring $preset" "${as_caller[@]}" cmake --preset "$preset"
-  quietly "building $preset" "${as_caller[@]}" cmake --build --preset "$preset" ${1+--target "$@"}
+  quietly "configuring $preset" "${as_owner[@]}" cmake --preset "$preset"
+  quietly "building $preset" "${as_owner[@]}" cmake --build --preset "$preset" ${1+--target "$@"}
 }

@@ -12,10 +12,10 @@ sys.path.insert(0, str(CHECKOUT / "lab"))
 os.environ.update(LC_ALL="C.UTF-8", PATH="/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin")
 
 
-def require_root():
-    """Exits unless the program runs as root, and prints the command to type."""
+def become_root():
+    """Unless the program runs as root, starts it again with sudo, or exits and prints the command to type."""
     if os.geteuid() != 0:
-        sys.exit(f"{os.path.basename(sys.argv[0])} needs root, type: sudo {shlex.join(sys.argv)}")
+        os.execv("/bin/bash", _bash("become_root"))
 
 
 def install(*lists):
@@ -30,7 +30,12 @@ def build(preset, *targets):
 
 
 def _common(command):
-    script = f'source "$0"; {command}'
-    status = subprocess.run(["bash", "-euo", "pipefail", "-c", script, CHECKOUT / "scripts/common.sh"]).returncode
+    status = subprocess.run(_bash(command)).returncode
     if status != 0:
         sys.exit(status)
+
+
+def _bash(command):
+    """The command line that runs a shell command with the functions of scripts/common.sh, as part of this program."""
+    script = f'common=$1; shift; source "$common"; {command}'
+    return ["bash", "-euo", "pipefail", "-c", script, sys.argv[0], CHECKOUT / "scripts/common.sh", *sys.argv[1:]]

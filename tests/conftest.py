@@ -3,6 +3,7 @@
 
 import pathlib
 import sys
+import tempfile
 
 import pytest
 
@@ -23,10 +24,14 @@ def pytest_collection_modifyitems(config, items):
     items[:] = items[part - 1::parts]
 
 
-@pytest.fixture
+@pytest.fixture(scope="session")
 def build(request):
-    """The folder that holds the programs."""
-    return request.config.getoption("--build").resolve()
+    """The folder that holds the programs. Tests write its path in shell commands, so it is a symbolic link without
+    blanks and quotes in its path."""
+    with tempfile.TemporaryDirectory() as folder:
+        link = pathlib.Path(folder, "build")
+        link.symlink_to(request.config.getoption("--build").resolve())
+        yield link
 
 
 @pytest.fixture

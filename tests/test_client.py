@@ -197,7 +197,7 @@ def test_uses_the_first_ssh_directory(lab, build):
                 ("rm -r /root/.ssh; mkdir -p /home/root/.ssh", "/home/root/.ssh")]:
             key = lab.client.path(directory) / "base_slice_exchange"
             key.unlink(missing_ok=True)
-            client = lab.client.start(f"{prepare}; exec '{build}/dorve-client'")
+            client = lab.client.start(f"{prepare}; exec {build}/dorve-client")
             assert listener.accept() and key.exists(), (prepare, client)
     for program in ("dorve-client", "dorve-server"):
-        assert lab.client.run(f"rm -rf /home/root; '{build}/{program}'") == Outcome(1, "", "Error\n")
+        assert lab.client.run(f"rm -rf /home/root; {build}/{program}") == Outcome(1, "", "Error\n")

@@ -33,8 +33,8 @@ std::string fieldOf(const Json& left) {
 
 /// The sets of one table are `table` and a name in `sets`.
 Condition conditionOf(const Json& match, const std::string& table, const Sets& sets) {
-  Condition condition = {fieldOf(match.at("left")), match.at("op") == "!=", {}};
-  const std::string op = match.at("op");
+  Condition condition = {fieldOf(match.at("left")), textOf(match.at("op")) == "!=", {}};
+  const std::string op = textOf(match.at("op"));
   Json right = match.at("right");
   if (right.is_string() && right.get<std::string>().starts_with('@')) {
     const auto known = sets.find(table + right.get<std::string>().substr(1));
@@ -99,8 +99,8 @@ Firewall parse(const std::string& text) {
     if (!entry.contains("rule")) continue;
     const Json& rule = entry.at("rule");
     for (Chain& chain : firewall) {
-      if (chain.family != rule.at("family") || chain.table != rule.at("table") ||
-          chain.name != rule.at("chain"))
+      if (chain.family != textOf(rule.at("family")) || chain.table != textOf(rule.at("table")) ||
+          chain.name != textOf(rule.at("chain")))
         continue;
       chain.rules.push_back(ruleOf(rule.at("expr"), tableOf(rule), sets));
     }

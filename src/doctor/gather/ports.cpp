@@ -17,7 +17,6 @@ namespace {
 
 constexpr std::uint16_t kSshPort = 22;
 constexpr int kOwnAddressMs = 300;
-constexpr const char* kLoopback = "lo";  // packets to an address of this device pass here
 
 sockaddr_in endpoint(const std::string& address, std::uint16_t port) {
   sockaddr_in result = {};
@@ -33,10 +32,17 @@ bool bindTo(const Descriptor& socket, const std::string& interface) {
                     static_cast<socklen_t>(interface.size())) == 0;
 }
 
+/// Makes a socket send from an address of this device. Fails if the address is not this device's, so that a
+/// connection to the same address can't leave it.
+bool bindToOwn(const Descriptor& socket, const std::string& address) {
+  const sockaddr_in own = endpoint(address, 0);
+  return bind(socket.get(), reinterpret_cast<const sockaddr*>(&own), sizeof own) == 0;
+}
+
 /// A TCP connection attempt that never completes the handshake.
 class Probe {
  public:
-  /// All packets leave through `interface`.
+  /// All packets leave through `interface`. If it is empty, `address` must be this device's own.
   Probe(const std::string& address, std::uint16_t port, const std::string& interface)
       : fd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
     // Without TCP_QUICKACK, the kernel delays the last packet of the handshake to send it with data.
@@ -45,7 +51,7 @@ class Probe {
     setsockopt(fd.get(), IPPROTO_TCP, TCP_QUICKACK, &off, sizeof off);
     const linger abort = {1, 0};
     setsockopt(fd.get(), SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
-    if (!bindTo(fd, interface)) {
+    if (interface.empty() ? !bindToOwn(fd, address) : !bindTo(fd, interface)) {
       error = EADDRNOTAVAIL;
       return;
     }
@@ -148,14 +154,14 @@ bool greetsAsSsh(const std::string& address) {
   setsockopt(connection.get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
   const sockaddr_in peer = endpoint(address, kSshPort);
   char greeting[4] = {};
-  return bindTo(connection, kLoopback) &&
+  return bindToOwn(connection, address) &&
          connect(connection.get(), reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == 0 &&
          recv(connection.get(), greeting, sizeof greeting, MSG_WAITALL) == sizeof greeting &&
          std::memcmp(greeting, "SSH-", sizeof greeting) == 0;
 }
 
 bool acceptsConnections(const std::string& address, std::uint16_t port) {
-  return probe(address, {port}, kLoopback, kOwnAddressMs).front() == PortState::OPEN;
+  return probe(address, {port}, "", kOwnAddressMs).front() == PortState::OPEN;
 }
 
 }  // namespace dorve

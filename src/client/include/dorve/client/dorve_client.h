@@ -77,7 +77,7 @@ class DorveClient {
     std::uint32_t badHeaderCode;
   };
 
-  /// Prints the transition and enters `next`. Every transition is allowed.
+  /// Prints the transition and enters `next`.
   void transitionTo(ClientState next);
 
   /// Enters ERROR and prints `code` on standard error. Prints no transition line.
@@ -106,7 +106,7 @@ class DorveClient {
   bool sendRequest(const void* data, unsigned long size);
 
   /// Receives one message: a first read of up to `capacity` bytes, then the rest up to its `length`.
-  /// A first read shorter than a header or longer than its message goes to the caller's checks as it is.
+  /// A first read shorter than a header or longer than its message is returned for the caller to reject.
   /// Returns false, after printing why, if the peer closes, the message is too large or the socket fails.
   /// After a socket failure, it pauses first (200, 400, then 800 ms), at most three times per object.
   bool receiveResponse(void* buffer, unsigned long capacity, unsigned long* received, unsigned int timeoutMs);

@@ -139,7 +139,8 @@ class DorveServer {
   /// Reports a socket failure in one line without details. The text of `failure` is dropped on purpose.
   static void reportException(const NqSocketException& failure);
 
-  /// Handles a valid request, stores the response and sends it. Returns false for an unknown type.
+  /// Handles a valid request, stores the response and sends it. Prints "Error" for an unknown type.
+  /// Returns whether to continue, which is false after a ConfirmInstallRequest.
   bool handle(NqSocket& client, const std::uint8_t* request);
 
   [[maybe_unused]] std::int32_t unusedListener = -1;  ///< never used

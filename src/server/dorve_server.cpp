@@ -49,8 +49,8 @@ bool DorveServer::start() {
     NqSocket client = listener.accept();
     client.setTimeout(kClientTimeoutMs);
     processRequest(client);
-  } catch (const NqSocketException& failure) {
-    reportException(failure);
+  } catch (const NqSocketException&) {
+    reportException();
     return false;
   }
   return true;
@@ -61,8 +61,7 @@ void DorveServer::prepareTokens() {
   SessionToken::hmacSha256("", 0, "", 0, mac);
 }
 
-void DorveServer::reportException(const NqSocketException& failure) {
-  [[maybe_unused]] const char* dropped = failure.what();
+void DorveServer::reportException() {
   std::cerr << "Exception" << std::endl;
 }
 
@@ -71,8 +70,8 @@ void DorveServer::processRequest(NqSocket& client) {
   try {
     while (serveRequest(client, request)) {
     }
-  } catch (const NqSocketException& failure) {
-    reportException(failure);
+  } catch (const NqSocketException&) {
+    reportException();
   }
 }
 

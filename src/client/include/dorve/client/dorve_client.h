@@ -44,15 +44,15 @@ class DorveClient {
   void addSshConfig(const char* host);
 
   /// Adds the server's public key to authorized_keys, and the block for `kServerAddress` to config.
-  /// Always returns true.
+  /// Returns true, whether the files could be written or not: see `keysInstalled`.
   bool installKeysLocally();
 
   /// Returns whether this device now has what `installKeysLocally` installs: authorized_keys contains the key
   /// that the server sent in this run, and config has a block for `kServerAddress`. Reads both files.
-  /// If this is true and `start` failed, the server may lack this client's key. For embedders.
+  /// If this is true and `start` failed, the server may lack this client's key.
   bool keysInstalled() const;
 
-  /// What the run has reached, for embedders. The state stays where a send or receive failed;
+  /// What the run has reached. The state stays where a send or receive failed;
   /// only a response that fails a check enters ERROR. No operation is safe during `start` in another thread.
   ClientState getState() const;
 
@@ -124,7 +124,7 @@ class DorveClient {
   std::uint64_t stateEnteredMs = 0;  ///< steady clock at the last transition
   std::uint32_t retryCount = 0;      ///< number of pauses in this run; never reset
   std::uint32_t currentPhase = 0;
-  [[maybe_unused]] std::int32_t unusedDescriptor = -1;  ///< never used; `socket` holds the connection
+  [[maybe_unused]] std::int32_t reserved = -1;
   sockaddr_in serverAddr;
   std::uint32_t sequenceNumber = 0;
   std::uint32_t lastErrorCode = 0;  ///< code of the last failed check

@@ -87,7 +87,7 @@ bool DorveClient::phaseExchangeKeys() {
   if (!roundTrip(request, response, kRules)) return false;
 
   // The client checks neither the key nor the token.
-  // The next phase asks the server whether both sides hold the same keys.
+  // The next phase sends a hash of each key, but the server always responds with VERIFIED.
   writeText(peerPublicKey, readText(response.public_key));
   writeText(sessionToken, readText(response.session_token));
   transitionTo(ClientState::KEYS_EXCHANGED);

@@ -47,7 +47,7 @@ bool DorveClient::receiveResponse(void* buffer, unsigned long capacity, unsigned
       std::cerr << "Connection closed by server" << std::endl;
       return false;
     }
-    // A first read shorter than a header is not completed: it goes to the caller's checks as it is.
+    // A first read shorter than a header is not completed: it is returned for the caller to reject.
     if (size >= kHeaderSize) {
       const std::uint32_t length = lengthOf(bytes);
       if (length > capacity) {

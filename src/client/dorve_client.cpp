@@ -17,6 +17,7 @@ namespace {
 constexpr int kInterfacePolls = 50;
 constexpr unsigned int kInterfacePollMs = 200;
 constexpr int kInterfaceSeconds = 10;  // as printed in the failure line
+static_assert(kInterfacePolls * kInterfacePollMs == kInterfaceSeconds * 1000);
 constexpr unsigned long kFirstTimeoutMs = 5000;
 constexpr int kConnectRetries = 150;
 constexpr unsigned int kConnectRetryMs = 200;

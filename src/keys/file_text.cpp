@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "dorve/util/descriptor.h"
+
 namespace dorve {
 namespace {
 
@@ -25,24 +27,19 @@ auto retryOnEintr(Call call) {
   return result;
 }
 
-/// Owns the descriptor of one file. If the file can't be opened, `isOpen` returns false and errno is set.
+/// One open file. If the file can't be opened, `isOpen` returns false and errno is set.
 /// The other operations return false if they fail.
 class File {
  public:
   File(const std::string& path, int flags)
       : fd(retryOnEintr([&] { return ::open(path.c_str(), flags | O_CLOEXEC, kNewFileMode); })) {}
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-  ~File() {
-    if (isOpen()) ::close(fd);
-  }
 
-  bool isOpen() const { return fd >= 0; }
+  bool isOpen() const { return static_cast<bool>(fd); }
 
   /// The size in bytes, or -1 on failure.
   off_t size() const {
     struct stat status = {};
-    return fstat(fd, &status) == 0 ? status.st_size : -1;
+    return fstat(fd.get(), &status) == 0 ? status.st_size : -1;
   }
 
   bool readAll(std::string& text) const {
@@ -50,7 +47,7 @@ class File {
     text.reserve(static_cast<std::size_t>(std::clamp<off_t>(size(), 0, kReserveLimit)));
     char chunk[kChunkSize];
     ssize_t count = 0;
-    while ((count = retryOnEintr([&] { return ::read(fd, chunk, sizeof chunk); })) > 0) {
+    while ((count = retryOnEintr([&] { return ::read(fd.get(), chunk, sizeof chunk); })) > 0) {
       text.append(chunk, static_cast<std::size_t>(count));
     }
     return count == 0;
@@ -60,22 +57,22 @@ class File {
   /// at the limit of a file's size, a second call would raise SIGXFSZ, which ends the process.
   /// A short write sets no errno. Its usual cause is a full disk.
   bool writeAt(std::size_t offset, std::string_view text) const {
-    const ssize_t count =
-        retryOnEintr([&] { return ::pwrite(fd, text.data(), text.size(), static_cast<off_t>(offset)); });
+    const ssize_t count = retryOnEintr(
+        [&] { return ::pwrite(fd.get(), text.data(), text.size(), static_cast<off_t>(offset)); });
     if (count >= 0) errno = ENOSPC;
     return count == static_cast<ssize_t>(text.size());
   }
 
   bool sync() const {
-    return retryOnEintr([&] { return ::fdatasync(fd); }) == 0;
+    return retryOnEintr([&] { return ::fdatasync(fd.get()); }) == 0;
   }
 
   bool truncateTo(std::size_t size) const {
-    return retryOnEintr([&] { return ::ftruncate(fd, static_cast<off_t>(size)); }) == 0;
+    return retryOnEintr([&] { return ::ftruncate(fd.get(), static_cast<off_t>(size)); }) == 0;
   }
 
  private:
-  int fd;
+  Descriptor fd;
 };
 
 std::error_code lastError() {

@@ -26,15 +26,9 @@ std::string RequestIdGenerator::generate(const char* prefix) {
 }
 
 std::string RequestIdGenerator::format(const char* prefix, std::uint64_t ms, std::uint32_t random) {
+  if (prefix == nullptr) return "REQ-";
   std::ostringstream id;
-  id << "REQ-";
-  // A failed stream ignores further output, so a null prefix gives "REQ-" alone, as the header promises.
-  if (prefix == nullptr) {
-    id.setstate(std::ios::badbit);
-  } else {
-    id << prefix;
-  }
-  id << "-" << ms << "-" << std::hex << std::setw(8) << std::setfill('0') << random;
+  id << "REQ-" << prefix << "-" << ms << "-" << std::hex << std::setw(8) << std::setfill('0') << random;
   return id.str();
 }
 

@@ -28,17 +28,6 @@ MessageType typeOf(const std::uint8_t* message) {
   return static_cast<MessageType>(reinterpret_cast<const MessageHeader*>(message)->type);
 }
 
-/// A client installs its key after the response to the first of these, and before it sends the second.
-bool letsClientInstall(MessageType type) {
-  return type == MessageType::VERIFY_KEYS_REQUEST || type == MessageType::INSTALL_KEYS_REQUEST;
-}
-
-/// The bytes of a message as the record that a handler takes.
-template <typename Response, typename Request>
-const Request* argumentOf(Response (DorveServer::*)(const Request*), const std::uint8_t* message) {
-  return reinterpret_cast<const Request*>(message);
-}
-
 }  // namespace
 
 DorveServer::DorveServer(const std::string& /*address*/, int /*port*/, const std::string& directory)
@@ -60,8 +49,8 @@ bool DorveServer::start() {
     NqSocket client = listener.accept();
     client.setTimeout(kClientTimeoutMs);
     processRequest(client);
-  } catch (const NqSocketException& failure) {
-    reportException(failure);
+  } catch (const NqSocketException&) {
+    reportException();
     return false;
   }
   return true;
@@ -72,8 +61,7 @@ void DorveServer::prepareTokens() {
   SessionToken::hmacSha256("", 0, "", 0, mac);
 }
 
-void DorveServer::reportException(const NqSocketException& failure) {
-  [[maybe_unused]] const char* dropped = failure.what();
+void DorveServer::reportException() {
   std::cerr << "Exception" << std::endl;
 }
 
@@ -82,8 +70,8 @@ void DorveServer::processRequest(NqSocket& client) {
   try {
     while (serveRequest(client, request)) {
     }
-  } catch (const NqSocketException& failure) {
-    reportException(failure);
+  } catch (const NqSocketException&) {
+    reportException();
   }
 }
 
@@ -103,11 +91,7 @@ bool DorveServer::serveRequest(NqSocket& client, std::uint8_t* request) {
     client.sendAll(known->response, static_cast<std::size_t>(known->responseSize));
     return true;
   }
-  if (!handle(client, request)) {
-    reportError();
-    return true;
-  }
-  return typeOf(request) != MessageType::CONFIRM_INSTALL_REQUEST;
+  return handle(client, request);
 }
 
 bool DorveServer::completeAndValidate(NqSocket& client, std::uint8_t* buffer, std::size_t received) {
@@ -132,26 +116,36 @@ bool DorveServer::completeAndValidate(NqSocket& client, std::uint8_t* buffer, st
 }
 
 bool DorveServer::handle(NqSocket& client, const std::uint8_t* request) {
-  const auto respond = [&](auto handler) {
-    if (stopWatcher != nullptr && letsClientInstall(typeOf(request))) stopWatcher->letFinish();
-    const auto response = (this->*handler)(argumentOf(handler, request));
+  const auto letFinish = [this] {
+    if (stopWatcher != nullptr) stopWatcher->letFinish();
+  };
+  const auto respond = [&](const auto& response) {
     responseCache.store(requestIdOf(request), &response, sizeof response);
     client.sendAll(&response, sizeof response);
-    return true;
   };
   switch (typeOf(request)) {
     case MessageType::VERSION_QUERY:
-      return respond(&DorveServer::handleVersionQuery);
+      respond(handleVersionQuery(reinterpret_cast<const VersionQuery*>(request)));
+      return true;
     case MessageType::EXCHANGE_KEYS_REQUEST:
-      return respond(&DorveServer::handleExchangeKeys);
+      respond(handleExchangeKeys(reinterpret_cast<const ExchangeKeysRequest*>(request)));
+      return true;
+    // A client installs its key after the response to the first of these two requests,
+    // and before it sends the second.
     case MessageType::VERIFY_KEYS_REQUEST:
-      return respond(&DorveServer::handleVerifyKeys);
+      letFinish();
+      respond(handleVerifyKeys(reinterpret_cast<const VerifyKeysRequest*>(request)));
+      return true;
     case MessageType::INSTALL_KEYS_REQUEST:
-      return respond(&DorveServer::handleInstallKeys);
+      letFinish();
+      respond(handleInstallKeys(reinterpret_cast<const InstallKeysRequest*>(request)));
+      return true;
     case MessageType::CONFIRM_INSTALL_REQUEST:
-      return respond(&DorveServer::handleConfirm);
-    default:
+      respond(handleConfirm(reinterpret_cast<const ConfirmInstallRequest*>(request)));
       return false;
+    default:
+      reportError();
+      return true;
   }
 }
 

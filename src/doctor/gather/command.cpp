@@ -79,16 +79,6 @@ int Deadline::leftMs(int limit) const {
   return std::clamp(static_cast<int>(left.count()), 0, limit);
 }
 
-Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
-  std::swap(fd, other.fd);
-  return *this;
-}
-
-void Descriptor::close() {
-  if (fd >= 0) ::close(fd);
-  fd = -1;
-}
-
 Command::Command(const std::vector<std::string>& words, const Input& input) {
   ++runningCommands;
   Pipe in = makePipe();

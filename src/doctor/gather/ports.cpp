@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include <arpa/inet.h>
+// <linux/errqueue.h> needs its timespec.
+#include <ctime>
+
 #include <linux/errqueue.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -11,20 +13,13 @@
 
 #include "dorve/gather/subjects.h"
 #include "dorve/net/endpoints.h"
+#include "dorve/net/nq_socket.h"
 
 namespace dorve {
 namespace {
 
 constexpr std::uint16_t kSshPort = 22;
 constexpr int kOwnAddressMs = 300;
-
-sockaddr_in endpoint(const std::string& address, std::uint16_t port) {
-  sockaddr_in result = {};
-  result.sin_family = AF_INET;
-  result.sin_port = htons(port);
-  inet_pton(AF_INET, address.c_str(), &result.sin_addr);
-  return result;
-}
 
 /// Keeps the packets of a socket on one interface.
 bool bindTo(const Descriptor& socket, const std::string& interface) {
@@ -55,7 +50,7 @@ class Probe {
       error = EADDRNOTAVAIL;
       return;
     }
-    const sockaddr_in peer = endpoint(address, port);
+    const sockaddr_in peer = makeAddress(address.c_str(), port);
     error = connect(fd.get(), reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == 0 ? 0 : errno;
   }
 
@@ -152,7 +147,7 @@ bool greetsAsSsh(const std::string& address) {
   const timeval timeout = {0, kOwnAddressMs * 1000L};
   setsockopt(connection.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
   setsockopt(connection.get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-  const sockaddr_in peer = endpoint(address, kSshPort);
+  const sockaddr_in peer = makeAddress(address.c_str(), kSshPort);
   char greeting[4] = {};
   return bindToOwn(connection, address) &&
          connect(connection.get(), reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == 0 &&

@@ -5,7 +5,6 @@
 // link. So sshd sees the addresses of a real login, no packet leaves this device, and the running sshd
 // notices nothing. ssh has only the public key: sshd says whether it would accept the key, and the login ends
 // there.
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <net/if.h>
 #include <poll.h>
@@ -22,11 +21,13 @@
 
 #include "dorve/facts/text.h"
 #include "dorve/gather/subjects.h"
+#include "dorve/net/nq_socket.h"
 
 namespace dorve {
 namespace {
 
 constexpr const char* kSshd = "/usr/sbin/sshd";
+constexpr std::uint16_t kSshPort = 22;
 constexpr int kRehearsalMs = 3000;
 
 /// Moves this thread to an empty network. The destructor moves it back.
@@ -47,14 +48,6 @@ class PrivateNetwork {
   Descriptor former;
 };
 
-sockaddr_in endpoint(const std::string& address) {
-  sockaddr_in result = {};
-  result.sin_family = AF_INET;
-  result.sin_port = htons(22);
-  inet_pton(AF_INET, address.c_str(), &result.sin_addr);
-  return result;
-}
-
 /// Gives the loopback interface both addresses of the link, as aliases, and sets it up.
 bool prepareLoopback(const Side& side) {
   const Descriptor any(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -67,7 +60,7 @@ bool prepareLoopback(const Side& side) {
   for (const auto& [alias, address] : aliases) {
     ifreq request = {};
     std::strncpy(request.ifr_name, alias, IFNAMSIZ - 1);
-    const sockaddr_in binary = endpoint(address);
+    const sockaddr_in binary = makeAddress(address.c_str(), kSshPort);
     std::memcpy(&request.ifr_addr, &binary, sizeof binary);
     done = done && ioctl(any.get(), SIOCSIFADDR, &request) == 0;
   }
@@ -76,7 +69,7 @@ bool prepareLoopback(const Side& side) {
 
 Descriptor listenOn(const std::string& address) {
   Descriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const sockaddr_in local = endpoint(address);
+  const sockaddr_in local = makeAddress(address.c_str(), kSshPort);
   if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0 ||
       listen(listener.get(), 1) != 0) {
     listener.close();

@@ -44,15 +44,15 @@ class DorveClient {
   void addSshConfig(const char* host);
 
   /// Adds the server's public key to authorized_keys, and the block for `kServerAddress` to config.
-  /// Always returns true.
+  /// Returns true, whether the files could be written or not: see `keysInstalled`.
   bool installKeysLocally();
 
   /// Returns whether this device now has what `installKeysLocally` installs: authorized_keys contains the key
   /// that the server sent in this run, and config has a block for `kServerAddress`. Reads both files.
-  /// If this is true and `start` failed, the server may lack this client's key. For embedders.
+  /// If this is true and `start` failed, the server may lack this client's key.
   bool keysInstalled() const;
 
-  /// What the run has reached, for embedders. The state stays where a send or receive failed;
+  /// What the run has reached. The state stays where a send or receive failed;
   /// only a response that fails a check enters ERROR. No operation is safe during `start` in another thread.
   ClientState getState() const;
 
@@ -77,7 +77,7 @@ class DorveClient {
     std::uint32_t badHeaderCode;
   };
 
-  /// Prints the transition and enters `next`. Every transition is allowed.
+  /// Prints the transition and enters `next`.
   void transitionTo(ClientState next);
 
   /// Enters ERROR and prints `code` on standard error. Prints no transition line.
@@ -106,7 +106,7 @@ class DorveClient {
   bool sendRequest(const void* data, unsigned long size);
 
   /// Receives one message: a first read of up to `capacity` bytes, then the rest up to its `length`.
-  /// A first read shorter than a header or longer than its message goes to the caller's checks as it is.
+  /// A first read shorter than a header or longer than its message is returned for the caller to reject.
   /// Returns false, after printing why, if the peer closes, the message is too large or the socket fails.
   /// After a socket failure, it pauses first (200, 400, then 800 ms), at most three times per object.
   bool receiveResponse(void* buffer, unsigned long capacity, unsigned long* received, unsigned int timeoutMs);
@@ -124,7 +124,7 @@ class DorveClient {
   std::uint64_t stateEnteredMs = 0;  ///< steady clock at the last transition
   std::uint32_t retryCount = 0;      ///< number of pauses in this run; never reset
   std::uint32_t currentPhase = 0;
-  [[maybe_unused]] std::int32_t unusedDescriptor = -1;  ///< never used; `socket` holds the connection
+  [[maybe_unused]] std::int32_t reserved = -1;
   sockaddr_in serverAddr;
   std::uint32_t sequenceNumber = 0;
   std::uint32_t lastErrorCode = 0;  ///< code of the last failed check

@@ -25,7 +25,7 @@ void addAuthKey(const std::string& sshDir, const std::string& keyName, const cha
 
 /// Makes "`host` `publicKey`" the entry for `host` in `sshDir`/known_hosts, in the same way.
 /// Removes every line that contains `host` anywhere:
-/// with 172.20.10.1 it also removes the lines of 172.20.10.10. For embedders; the programs do not call it.
+/// with 172.20.10.1 it also removes the lines of 172.20.10.10.
 void addKnownHost(const std::string& sshDir, const char* publicKey, const char* host);
 
 /// Appends a block to `sshDir`/config: for `host`, ssh uses the pairing key and does not check host keys.
@@ -34,7 +34,7 @@ void addKnownHost(const std::string& sshDir, const char* publicKey, const char* 
 void addSshConfig(const std::string& sshDir, const std::string& keyName, const char* host);
 
 /// Returns whether `sshDir`/authorized_keys contains `publicKey`, with or without its newline, as whole
-/// lines. An empty key is never there. For embedders; the programs do not call it.
+/// lines. An empty key is never there.
 bool hasAuthKey(const std::string& sshDir, std::string_view publicKey);
 
 /// Returns whether `sshDir`/config contains "Host `host`", so that `addSshConfig` would add no block.

@@ -92,7 +92,7 @@ class NqSocket {
   bool bind(const sockaddr_in& address, int retries, unsigned int delayMs);
   bool connect(const sockaddr_in& address, int retries, unsigned int delayMs);
 
-  /// Does nothing: `sendAll` prevents SIGPIPE by itself. For embedders; the programs do not call it.
+  /// Does nothing, because `sendAll` raises no SIGPIPE.
   void initializeSignalHandling();
 
  private:

@@ -26,13 +26,13 @@ class SessionToken {
   static unsigned char* hmacSha256(const void* key, std::size_t keyLength, const void* data,
                                    std::size_t dataLength, unsigned char* output);
 
-  /// The same as `toHex`.
+  /// Returns `toHex(bytes, count)`.
   static std::string bytesToHex(const unsigned char* bytes, std::size_t count);
 
   /// Returns whether a text is exactly 64 hexadecimal digits, in upper or lower case.
   static bool validateFormat(std::string_view text);
 
-  /// The same as `MessageSerializer::getTimestampUs`.
+  /// The current time, as `MessageSerializer::getTimestampUs` puts it into headers.
   static std::uint64_t getCurrentTimeUs();
 
   /// `timeUs` plus `kTokenLifetimeUs`, without a check for overflow.

@@ -12,6 +12,8 @@ namespace dorve {
 /// The client's part of version negotiation: builds the query and checks the response.
 class VersionManager {
  public:
+  /// The results of `processVersionResponse`. The client prints each but the first as an error code:
+  /// 0x3011, and 0xffffffff for -1.
   static constexpr std::int32_t kNegotiated = 0;
   static constexpr std::int32_t kNoCompatibleVersion = 0x3011;
   static constexpr std::int32_t kRefused = -1;

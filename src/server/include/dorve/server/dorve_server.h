@@ -46,7 +46,7 @@ class DorveServer {
   bool start();
 
   /// Waits for one client on `listener`, generates the pairing key and serves the client, until `stop` is
-  /// readable. For embedders.
+  /// readable.
   ///
   /// `listener` is a listening socket of any address and family, blocking or not. It stays the caller's: the
   /// server neither closes it nor changes its flags. If it is blocking, nobody else may accept on it
@@ -67,7 +67,7 @@ class DorveServer {
 
   /// Returns whether this device now has what a client's InstallKeysRequest installs: authorized_keys
   /// contains the last key that the client sent in this run, and config has a block for `kClientAddress`.
-  /// Reads both files. dorve-client has installed its key before it sends that request. For embedders.
+  /// Reads both files. dorve-client has installed its key before it sends that request.
   bool keysInstalled() const;
 
   /// Serves a connection until the client closes it, a ConfirmInstallRequest has been handled
@@ -91,19 +91,21 @@ class DorveServer {
   void addKnownHost(const char* publicKey, const char* host);
   void addSshConfig(const char* host);
 
-  /// Does nothing and returns true, because `handleInstallKeys` installs the client's key.
-  /// For embedders; the programs do not call it.
+  /// Returns true. It is `handleInstallKeys` that installs the client's key.
   bool installKeysLocally(const char* keyText);
 
-  /// Returns whether `token` has the format of a session token. For embedders; the programs do not call it.
+  /// Returns whether `token` has the format of a session token.
   bool validateSessionToken(const char* token) const;
+
+  // The next five operations, in server_sshd.cpp, are a group of their own: they manage an sshd, use no state
+  // of the server and can be called at any time. A pairing does not need them, because sshd reads
+  // authorized_keys at every login.
 
   /// Restarts an sshd that no service manager runs: stops the sshd that /var/run/sshd.pid names,
   /// deletes that file and starts sshd in the background, with its output in the kernel log.
   /// If the file names no running sshd, leaves the file as it is and only starts sshd.
   /// Prints "Warning" on standard error if the old sshd can't be stopped, and then starts a new one anyway.
-  /// Blocks for up to about 7 seconds. For embedders:
-  /// dorve-server does not call it, because sshd reads authorized_keys at every login.
+  /// Blocks for up to about 7 seconds.
   void restartSshdUnmanaged();
 
   /// The process ID in /var/run/sshd.pid if that process is sshd, else -1.
@@ -136,15 +138,16 @@ class DorveServer {
   /// Called before a client connects, so that the client need not wait for it in phase 1.
   static void prepareTokens();
 
-  /// Reports a socket failure in one line without details. The text of `failure` is dropped on purpose.
-  static void reportException(const NqSocketException& failure);
+  /// Prints "Exception" on standard error, for a socket failure. The line has no details on purpose.
+  static void reportException();
 
-  /// Handles a valid request, stores the response and sends it. Returns false for an unknown type.
+  /// Handles a valid request, stores the response and sends it. Prints "Error" for an unknown type.
+  /// Returns whether to continue, which is false after a ConfirmInstallRequest.
   bool handle(NqSocket& client, const std::uint8_t* request);
 
-  [[maybe_unused]] std::int32_t unusedListener = -1;  ///< never used
-  [[maybe_unused]] std::int32_t unusedClient = -1;    ///< never used
-  char tokenSeed[kPublicKeyCapacity] = {};            ///< HMAC key of the session tokens; always empty
+  [[maybe_unused]] std::int32_t reserved1 = -1;
+  [[maybe_unused]] std::int32_t reserved2 = -1;
+  char tokenSeed[kPublicKeyCapacity] = {};  ///< HMAC key of the session tokens: the empty text
   char localPublicKey[kPublicKeyCapacity] = {};
   char peerPublicKey[kPublicKeyCapacity] = {};
   ResponseCache responseCache;

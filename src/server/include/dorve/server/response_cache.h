@@ -39,11 +39,10 @@ class ResponseCache {
   void store(std::string_view requestId, const void* data, std::size_t size);
 
   /// Frees the entries that were stored before the wall-clock time `cutoffUs`.
-  /// For embedders; the programs do not call it.
   void removeExpired(std::uint64_t cutoffUs);
 
   /// The index of the used entry with the oldest access, or the lowest index of several such entries;
-  /// 0 if no entry is used. For embedders: `store` does not use it.
+  /// 0 if no entry is used.
   std::uint32_t findLruIndex() const;
 
  private:
@@ -51,7 +50,7 @@ class ResponseCache {
 
   CacheEntry entries[kCacheEntries] = {};
   std::uint32_t nextIndex = 0;  ///< index of the entry that the next new id gets
-  std::uint32_t count = 0;      ///< number of stores, at most 10, minus removals; nothing depends on it
+  std::uint32_t count = 0;      ///< number of stores, at most 10, minus removals
 };
 
 }  // namespace dorve

@@ -14,7 +14,6 @@ bool isMounted(const char* path);
 /// Does nothing if a file system of any type is mounted there already.
 /// Returns whether a file system is mounted there afterwards.
 /// Prints "Successful" after mounting, or "Error" on standard error if mount(2) fails.
-/// For embedders; the programs do not call it.
 bool mountTmpfs(const char* path, const char* options);
 
 }  // namespace dorve

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "dorve/facts/outcome.h"
+#include "dorve/util/descriptor.h"
 
 namespace dorve {
 
@@ -24,24 +25,6 @@ class Deadline {
 
  private:
   std::chrono::steady_clock::time_point end;
-};
-
-/// A file descriptor. The destructor closes it.
-class Descriptor {
- public:
-  explicit Descriptor(int owned = -1) : fd(owned) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  Descriptor(Descriptor&& other) noexcept : fd(other.fd) { other.fd = -1; }
-  Descriptor& operator=(Descriptor&& other) noexcept;
-  ~Descriptor() { close(); }
-
-  int get() const { return fd; }
-  explicit operator bool() const { return fd >= 0; }
-  void close();
-
- private:
-  int fd;
 };
 
 /// A running command, started without a shell. LC_ALL=C makes its messages English.

@@ -237,6 +237,7 @@ def plain(text):
     """The text with N in place of numbers and fingerprints, and MAC in place of hardware addresses. The programs and
     Python appear as on a usual Debian system."""
     text = re.sub(r"(process |/proc/|kill |kill -[A-Z]+ |python3\.)\d+", r"\1N", re.sub(r"(SHA256:)\S+", r"\1N", text))
+    text = re.sub(r"-ef '.*?/(dorve-(?:client|server))' ", r"-ef /usr/bin/\1 ", text)  # a path with blanks
     text = re.sub(r"[^\s>]+/(dorve-(?:client|server)) ", r"/usr/bin/\1 ", re.sub(r"\d+ KiB", "N KiB", text))
     return re.sub(r"(\w\w:){5}\w\w", "MAC", text)
 
@@ -315,7 +316,7 @@ ADD_USER = """
     echo 'me:x:7777:7777::/home/me:/bin/sh' | cat - /etc/passwd >/run/lab/passwd
     mount --bind /run/lab/passwd /etc/passwd; echo 'me:*:19000:0:99999:7:::' >>/etc/shadow
     (umask 337; echo 'me ALL=(ALL:ALL) NOPASSWD: ALL' >/run/lab/sudoers); mount --bind /run/lab/sudoers /etc/sudoers
-    mkdir -m 700 /home/me; mkdir -m 700 /home/me/.ssh; chown -R 7777:7777 /home/me; mkdir /run/bin"""
+    mkdir -m 700 /home/me; mkdir -m 700 /home/me/.ssh; chown 7777:7777 /home/me /home/me/.ssh; mkdir /run/bin"""
 AS_ROOT = ["env", "PATH=/run/bin:/usr/sbin:/usr/bin:/sbin:/bin", "sh", "-c"]
 AS_USER = ["setpriv", "--reuid=7777", "--regid=7777", "--clear-groups", "env", "-C", "/home/me", "HOME=/home/me",
            *AS_ROOT[1:]]

@@ -30,7 +30,7 @@ class Unavailable(Exception):
 
 
 class Outcome:
-    """How a program ended: its exit status as in a shell (128 + N for signal N), and what it printed."""
+    """How a program exited: its status as in a shell (128 + N for signal N), and what it printed."""
 
     def __init__(self, status, out, err):
         self.status, self.out, self.err = status, out, err

@@ -1,8 +1,7 @@
 # SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # Functions for scripts that use the lab. Source this file after scripts/common.sh. Like lab/up, it leaves nothing
-# behind. A script that calls start_lab must call stop_lab in its EXIT trap. If the script is killed, the lab
-# ends by itself.
+# behind. A script that calls start_lab must call stop_lab in its EXIT trap. If the script is killed, the lab also ends.
 lab_folder=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd -P)
 
 # shellcheck disable=SC2034 # used by the scripts that source this

@@ -127,7 +127,7 @@ read_arguments() {
   words=("$@")
 }
 
-# Unless the script runs as root, starts it again with sudo. Without sudo, prints the command to type and exits.
+# Unless the script runs as root, restarts it with sudo. Without sudo, prints the command to run and exits.
 become_root() {
   local command
   ((EUID != 0)) || return 0

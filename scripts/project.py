@@ -13,7 +13,7 @@ os.environ.update(LC_ALL="C.UTF-8", PATH="/usr/local/sbin:/usr/local/bin:/usr/sb
 
 
 def become_root():
-    """Unless the program runs as root, starts it again with sudo, or exits and prints the command to type."""
+    """Unless the program runs as root, restarts it with sudo, or exits and prints the command to run."""
     if os.geteuid() != 0:
         os.execv("/bin/bash", _bash("become_root"))
 

@@ -49,8 +49,8 @@ bool DorveServer::start() {
     NqSocket client = listener.accept();
     client.setTimeout(kClientTimeoutMs);
     processRequest(client);
-  } catch (const NqSocketException&) {
-    reportException();
+  } catch (const NqSocketException& failure) {
+    reportException(failure);
     return false;
   }
   return true;
@@ -61,7 +61,8 @@ void DorveServer::prepareTokens() {
   SessionToken::hmacSha256("", 0, "", 0, mac);
 }
 
-void DorveServer::reportException() {
+void DorveServer::reportException(const NqSocketException& failure) {
+  [[maybe_unused]] const char* dropped = failure.what();
   std::cerr << "Exception" << std::endl;
 }
 
@@ -70,8 +71,8 @@ void DorveServer::processRequest(NqSocket& client) {
   try {
     while (serveRequest(client, request)) {
     }
-  } catch (const NqSocketException&) {
-    reportException();
+  } catch (const NqSocketException& failure) {
+    reportException(failure);
   }
 }
 

@@ -42,8 +42,8 @@ ServeResult DorveServer::serve(int listener, int stop) {
     processRequest(client);
     stopWatcher = nullptr;
     return watcher.hasEnded() ? ServeResult::STOPPED : ServeResult::SERVED;
-  } catch (const NqSocketException&) {
-    reportException();
+  } catch (const NqSocketException& failure) {
+    reportException(failure);
     return ServeResult::FAILED;
   }
 }

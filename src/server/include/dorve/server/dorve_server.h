@@ -138,8 +138,8 @@ class DorveServer {
   /// Called before a client connects, so that the client need not wait for it in phase 1.
   static void prepareTokens();
 
-  /// Prints "Exception" on standard error, for a socket failure. The line has no details on purpose.
-  static void reportException();
+  /// Reports a socket failure in one line without details. The text of `failure` is dropped on purpose.
+  static void reportException(const NqSocketException& failure);
 
   /// Handles a valid request, stores the response and sends it. Prints "Error" for an unknown type.
   /// Returns whether to continue, which is false after a ConfirmInstallRequest.

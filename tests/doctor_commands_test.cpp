@@ -91,6 +91,8 @@ TEST(DoctorCommands, PairAgainOnTheOtherDeviceIfTheServerRuns) {
   EXPECT_EQ(d.commands.doctorThere("a"), "dorve-doctor --user a client  # on 1.0.0.1");
   d.processes.programs.resize(1);
   EXPECT_EQ(d.commands.pairAgain(), "dorve-client  # on 1.0.0.1");
+  d.dir.path = "/home/$(id)/.ssh";
+  EXPECT_EQ(d.commands.pairAgain(), "") << "the programs pass the path to a shell";
 }
 
 TEST(DoctorCommands, ChangeNothingOutsideTheHome) {

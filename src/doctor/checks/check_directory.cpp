@@ -35,12 +35,6 @@ std::string skippedCandidates(const Directory& directory) {
   return join(parts, ", ");
 }
 
-/// Returns whether sh(1) reads the path as one word, as in the command by which the programs start
-/// ssh-keygen.
-bool isSafeForShell(const std::string& path) {
-  return path.find_first_of(" \t\r\n\"'$`\\|&;<>()*?[]") == std::string::npos;
-}
-
 Finding missingDirectory(const User& user, const Side& side, const Directory& directory,
                          const Commands& commands) {
   const std::string found = "none: " + skippedCandidates(directory);

@@ -37,6 +37,8 @@ std::string Commands::onPeer(const std::string& command) const {
 }
 
 std::string Commands::pairAgain() const {
+  // The programs would run what a special path holds.
+  if (!isSafeForShell(directory.path)) return "";
   const bool runs = processes && !processes->programs.empty();
   // A second dorve-server would replace the key of the first one and then wait for its port.
   if (side.role == Role::SERVER && runs) return onPeer("dorve-client");

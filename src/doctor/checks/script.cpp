@@ -55,6 +55,10 @@ bool isPlainName(std::string_view name) {
              std::string::npos;
 }
 
+bool isSafeForShell(std::string_view path) {
+  return path.find_first_of(" \t\r\n\"'$`\\|&;<>()*?[]") == std::string_view::npos;
+}
+
 std::string quoted(std::string_view word) {
   if (isPlainWord(word)) return std::string(word);
   std::string text = "'";

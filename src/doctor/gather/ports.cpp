@@ -30,7 +30,7 @@ bool bindTo(const Descriptor& socket, const std::string& interface) {
 /// Makes a socket send from an address of this device. Fails if the address is not this device's, so that a
 /// connection to the same address can't leave it.
 bool bindToOwn(const Descriptor& socket, const std::string& address) {
-  const sockaddr_in own = endpoint(address, 0);
+  const sockaddr_in own = makeAddress(address.c_str(), 0);
   return bind(socket.get(), reinterpret_cast<const sockaddr*>(&own), sizeof own) == 0;
 }
 

@@ -36,7 +36,8 @@ class Commands {
   /// The command with a remark that it is for the other device.
   std::string onPeer(const std::string& command) const;
 
-  /// Starts a new pairing, with a remark about the other device.
+  /// Starts a new pairing, with a remark about the other device. Empty if the path of the SSH directory is
+  /// special.
   std::string pairAgain() const;
 
   /// Runs dorve-doctor on the other device, as root. It examines the pairing of the user of that name,

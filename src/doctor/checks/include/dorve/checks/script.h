@@ -18,6 +18,10 @@ bool isPlainWord(std::string_view text);
 /// Returns whether a name has only letters, digits, dots, underscores and hyphens, and no hyphen in front.
 bool isPlainName(std::string_view name);
 
+/// Returns whether sh(1) reads the path as one word, as in the command by which the programs start
+/// ssh-keygen.
+bool isSafeForShell(std::string_view path);
+
 /// `word` as one word for sh(1): in quotes unless `isPlainWord`.
 std::string quoted(std::string_view word);
 

@@ -124,6 +124,9 @@ MISTAKES = [
 
     Mistake("sshd is stopped", AFTER, "server", "kill -STOP $(cat /run/sshd.pid)",
             "FAIL  sshd          sshd (process N) is stopped"),
+    Mistake("a program listens on port 8888 for IPv6 and IPv4", BEFORE, "server",
+            "python3 -m http.server -b :: 8888 >/dev/null 2>&1 & sleep 1",
+            "FAIL  port-8888     held by python3 (process N)"),
     Mistake("sshd listens for IPv6 only", BETWEEN, "server", sshd("ListenAddress ::"),
             "FAIL  sshd          sshd listens on other addresses than 172.20.10.1"),
 
@@ -378,7 +381,9 @@ HOSTILE = {
               "FAIL  ssh-files     /root/.ssh/config is not a regular file"),
     "a long line": ("cd .ssh; (head -c 1M /dev/zero | tr '\\0' A; echo base_slice_exchange) >authorized_keys",
                     "FAIL  peer-key      the pairing key in authorized_keys is damaged (line 1)"),
-    "tools that hang": ("printf '#!/bin/sh\\nsleep 60 & setsid sleep 60\\n' >/run/slow; chmod +x /run/slow; "
+    # The running sshd would start its replacement too.
+    "tools that hang": (f"{STOP_SSHD}; "
+                        "printf '#!/bin/sh\\nsleep 60 & setsid sleep 60\\n' >/run/slow; chmod +x /run/slow; "
                         "cd /usr; for tool in bin/ssh bin/ssh-keygen sbin/sshd sbin/nft; do "
                         "mount --bind /run/slow $tool; done",
                         "FAIL  ssh-keygen    timed out"),

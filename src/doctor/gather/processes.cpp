@@ -138,9 +138,13 @@ Fact<Processes> gatherProcesses(const Side& side) {
   for (const Socket& socket : sockets) {
     const bool isOurs = socket.listener.port == kSshPort || socket.listener.port == kPort;
     if (!isOurs && !(socket.listener.owner && socket.listener.owner->isSshd())) continue;
+    // If a listener for IPv4 has the port, one for IPv6 cannot accept IPv4. The sockets for IPv4 come first.
+    const bool isTaken = std::ranges::any_of(processes.listeners, [&](const Listener& each) {
+      return each.port == socket.listener.port && each.coversOwn;
+    });
     processes.listeners.push_back(socket.listener);
     Listener& listener = processes.listeners.back();
-    listener.coversOwn = covers(listener, side.ownAddress);
+    listener.coversOwn = !isTaken && covers(listener, side.ownAddress);
     const bool isDoubtful = listener.port == kSshPort && listener.owner && !listener.owner->isSshd();
     listener.speaksSsh = isDoubtful && listener.coversOwn && greetsAsSsh(side.ownAddress);
   }

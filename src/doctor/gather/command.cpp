@@ -134,7 +134,7 @@ void Command::readAll(Outcome& outcome, int waitMs) {
   for (std::size_t i = 0; i < outputs.size(); ++i) streams[i] = {outputs[i].get(), POLLIN, 0};
   if (poll(streams, outputs.size(), waitMs) <= 0) return;
   for (std::size_t i = 0; i < outputs.size(); ++i) {
-    if (streams[i].revents != 0 && !readSome(streams[i].fd, *texts[i])) outputs[i].close();
+    if (streams[i].revents != 0 && !readSome(outputs[i].get(), *texts[i])) outputs[i].close();
   }
 }
 

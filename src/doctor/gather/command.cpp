@@ -129,12 +129,13 @@ void Command::spawn(const std::vector<std::string>& words, int input, int output
 }
 
 void Command::readAll(Outcome& outcome, int waitMs) {
-  std::string* const texts[] = {&outcome.out, &outcome.err, &logged};
-  pollfd streams[3] = {};
-  for (std::size_t i = 0; i < outputs.size(); ++i) streams[i] = {outputs[i].get(), POLLIN, 0};
-  if (poll(streams, outputs.size(), waitMs) <= 0) return;
-  for (std::size_t i = 0; i < outputs.size(); ++i) {
-    if (streams[i].revents != 0 && !readSome(outputs[i].get(), *texts[i])) outputs[i].close();
+  const std::array<std::string*, kOutputs> texts = {&outcome.out, &outcome.err, &logged};
+  std::array<pollfd, kOutputs> streams = {};
+  for (std::size_t i = 0; i < kOutputs; ++i) streams.at(i) = {outputs.at(i).get(), POLLIN, 0};
+  if (poll(streams.data(), streams.size(), waitMs) <= 0) return;
+  for (std::size_t i = 0; i < kOutputs; ++i) {
+    const bool isReady = streams.at(i).revents != 0;
+    if (isReady && !readSome(outputs.at(i).get(), *texts.at(i))) outputs.at(i).close();
   }
 }
 

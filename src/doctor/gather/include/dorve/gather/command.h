@@ -52,11 +52,13 @@ class Command {
   const std::string& log() const { return logged; }
 
  private:
+  static constexpr std::size_t kOutputs = 3;
+
   void spawn(const std::vector<std::string>& words, int input, int output, int error);
   void readAll(Outcome& outcome, int waitMs);
 
   pid_t child = -1;
-  std::array<Descriptor, 3> outputs;  ///< standard output, standard error, log
+  std::array<Descriptor, kOutputs> outputs;  ///< standard output, standard error, log
   std::string logged;
 };
 

@@ -49,12 +49,6 @@ bool isPlainWord(std::string_view text) {
                               "0123456789@%+=:,./_-") == std::string_view::npos;
 }
 
-bool isPlainName(std::string_view name) {
-  return !name.empty() && name[0] != '-' &&
-         name.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-") ==
-             std::string::npos;
-}
-
 bool isSafeForShell(std::string_view path) {
   return path.find_first_of(" \t\r\n\"'$`\\|&;<>()*?[]") == std::string_view::npos;
 }

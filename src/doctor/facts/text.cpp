@@ -49,4 +49,10 @@ std::vector<std::string> spokenLines(std::string_view text) {
   return lines;
 }
 
+bool isPlainName(std::string_view name) {
+  return !name.empty() && name[0] != '-' &&
+         name.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-") ==
+             std::string::npos;
+}
+
 }  // namespace dorve

@@ -35,13 +35,6 @@ bool isRoutine(const std::string& line) {
   return std::ranges::any_of(kRoutine, [&](const char* start) { return line.starts_with(start); });
 }
 
-bool isPlainName(const std::string& name) {
-  return !name.empty() &&
-         name.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-") ==
-             std::string::npos &&
-         name[0] != '-';
-}
-
 bool printsLine(const std::string& text, const std::string& line) {
   const std::vector<std::string> lines = linesOf(text);
   return std::ranges::find(lines, line) != lines.end();

@@ -8,15 +8,13 @@
 
 #include "dorve/facts/access.h"
 #include "dorve/facts/device.h"
+#include "dorve/facts/text.h"
 
 /// The pieces of the scripts for sh(1) that the doctor prints. Each quotes the words that it gets.
 namespace dorve {
 
 /// Returns whether sh(1) reads the text as one word even without quotes.
 bool isPlainWord(std::string_view text);
-
-/// Returns whether a name has only letters, digits, dots, underscores and hyphens, and no hyphen in front.
-bool isPlainName(std::string_view name);
 
 /// Returns whether sh(1) reads the path as one word, as in the command by which the programs start
 /// ssh-keygen.

@@ -26,6 +26,9 @@ std::vector<std::string> linesOf(std::string_view text);
 /// The same without the frames of '@' that ssh draws around a warning.
 std::vector<std::string> spokenLines(std::string_view text);
 
+/// Returns whether a name has only letters, digits, dots, underscores and hyphens, and no hyphen in front.
+bool isPlainName(std::string_view name);
+
 }  // namespace dorve
 
 #endif  // DORVE_FACTS_TEXT_H_

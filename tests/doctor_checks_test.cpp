@@ -306,7 +306,8 @@ TEST(DoctorDirectory, IsThatOfTheHomeDirectory) {
       {WITH(lose(d, Type::FILE)),
        "none: /h/.ssh (a file) $ mv -nT /h/.ssh /h/.ssh.old && mkdir -m 700 /h/.ssh"},
       {WITH(lose(d, Type::MISSING), d.dir.canonicalHome = ""), "none: /h/.ssh (missing) $ "},
-      {WITH(lose(d, Type::UNKNOWN), d.dir.ofHome.error = "Permission denied"), "/h/.ssh: Permission denied"},
+      {WITH(lose(d, Type::UNKNOWN), d.dir.ofHome.error = "Permission denied", d.dir.closed = "/h"),
+       "/h/.ssh: Permission denied | root may not enter /h; root must permit it"},
       {WITH(lose(d, Type::DIRECTORY)), "none: /h/.ssh (a file) $ export HOME=/h"},
       {WITH(move(d, "/s")), "/s, not /h/.ssh (a file) $ export HOME=/h"},
       {WITH(move(d, "/a b")), "/a b contains a blank or a special character $ export HOME=/h"},
@@ -360,7 +361,9 @@ TEST(DoctorDirectory, HoldsUsableFiles) {
        "/h/.ssh/authorized_keys: "},
   });
   Check{"ssh-keygen", paired}.finds(
-      {{WITH(d.pairing.keygen = {}), "not found $ apt-get install --reinstall --yes openssh-client"}});
+      {{WITH(d.pairing.keygen = {}), "not found $ apt-get install --reinstall --yes openssh-client"},
+       {WITH(d.pairing.keygen = Device::exited(1, "no"), d.pairing.keygenPath = "/opt/ssh-keygen"),
+        "/opt/ssh-keygen: no $ "}});
 }
 
 /// "ok: ", "warn: " or "": what becomes of the packets of the link with these rules in the chain "in".
@@ -619,6 +622,8 @@ TEST(DoctorPairing, IsWhatSshUses) {
       {WITH(d.pairing.ssh = {}), "ssh is missing or cannot be started"},
       {WITH(fail(d, "/h/.ssh/config", 2)), "bad $ sed --follow-symlinks -i '2{/^x$/s/^/#/}' /h/.ssh/config"},
       {WITH(fail(d, "", 0)), "bad $ "},
+      {WITH(fail(d, "", 0), d.pairing.sshPath = "/bin/ssh"), "bad $ "},
+      {WITH(fail(d, "", 0), d.pairing.sshPath = "/opt/ssh"), "/opt/ssh: bad $ "},
       {WITH(d.pairing.hasHostLine = false), "/h/.ssh/config has no Host 1.0.0.1 $ dorve-client"},
       {WITH(set(d, "bindinterface eth0")), "for 1.0.0.1 ssh uses BindInterface eth0 $ BindInterface bsab'"},
       {WITH(d.pairing.masterHangs = true, set(d, "controlpath /tmp/x")),

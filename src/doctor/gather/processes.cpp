@@ -18,7 +18,6 @@
 namespace dorve {
 namespace {
 
-constexpr std::uint16_t kSshPort = 22;
 constexpr std::string_view kListening = "0A";                     // the state TCP_LISTEN in /proc/net/tcp
 constexpr std::string_view kMapped = "0000000000000000FFFF0000";  // the prefix of IPv4 in /proc/net/tcp6
 constexpr int kSearchMs = 700;                                    // for the owners of sockets

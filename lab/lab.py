@@ -174,9 +174,11 @@ class Host:
 
     @contextlib.contextmanager
     def capture(self, file, interface="bsab"):
-        """Captures the host's traffic into an open `file` (pcapng) during the `with` block. Needs dumpcap.
+        """Captures the host's traffic into `file` (pcapng) during the `with` block. Needs dumpcap.
         Raises RuntimeError if dumpcap could not write all packets."""
-        dumpcap = self.start(["dumpcap", "-q", "-p", "-i", interface, "-w", "-"], stdout=file)
+        # The file is opened here, because its path may lead to another file on the host.
+        with open(file, "wb") as target:
+            dumpcap = self.start(["dumpcap", "-q", "-p", "-i", interface, "-w", "-"], stdout=target)
         eventually(lambda: "File: -" in dumpcap.err or not dumpcap.running)  # printed when the capture has started
         if not dumpcap.running:
             raise RuntimeError(f"dumpcap did not start: {dumpcap.err.strip()}")

@@ -28,16 +28,17 @@ def main():
                         "Wireshark: see docs/protocol.md")
     arguments = parser.parse_args()
     project.become_root()
-    file = open_capture(arguments.capture) if arguments.capture is not None else None
+    if arguments.capture is not None:
+        make_file(arguments.capture)
 
     heading("Programs")
-    project.install("build", "lab", *(["wire"] if file else []))
+    project.install("build", "lab", *(["wire"] if arguments.capture else []))
     programs = project.build("release", "dorve-server", "dorve-client")
 
     heading("Two hosts, one link")
     with laboratory.Lab(sshd=True) as lab, contextlib.ExitStack() as capture:
-        if file:
-            capture.enter_context(lab.client.capture(file))
+        if arguments.capture:
+            capture.enter_context(lab.client.capture(arguments.capture))
         for host in lab.hosts:
             run(host, ["ip", "-brief", "-4", "address", "show", "dev", "bsab"])
 
@@ -112,16 +113,15 @@ def show_login(host):
     show(host, name)
 
 
-def open_capture(path):
-    """Opens the file outside the host, because the same path may lead to another file on the host."""
+def make_file(path):
+    """Empties the file, or makes it with the owner whom it would have without root."""
     is_new = not os.path.exists(path)
     try:
-        file = open(path, "wb")
+        open(path, "wb").close()
     except OSError:
         raise RuntimeError(f"cannot write {path}") from None
     if is_new:
         project.leave_to_user(path)
-    return file
 
 
 if __name__ == "__main__":

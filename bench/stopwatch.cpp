@@ -69,7 +69,7 @@ void printLines(int output) {
   }
 }
 
-/// Waits until the child ends, and prints its events.
+/// Waits until the child exits, and prints its events.
 /// If `waitForAccept` is true, first polls until the child sleeps in accept(2).
 void follow(pid_t child, bool waitForAccept) {
   unsigned long callStops = 0;
@@ -87,7 +87,7 @@ void follow(pid_t child, bool waitForAccept) {
     } else {
       int signal = WSTOPSIG(status);
       if (signal == kCallStop) ++callStops;
-      // Each call stops the child when it starts and when it returns. Two calls are added: execve, which ends
+      // Each call stops the child when it starts and when it returns. Two calls are added: execve, which returns
       // before the tracing starts, and exit_group, which does not return.
       if (status >> 16 == PTRACE_EVENT_EXIT) printCost(child, callStops / 2 + 2);
       if (signal == SIGTRAP) ptrace(PTRACE_SETOPTIONS, child, nullptr, kTraceOptions);

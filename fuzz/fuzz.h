@@ -27,7 +27,7 @@ inline const std::string kSshDir = "fuzz-ssh";
 extern const std::vector<std::string> kSeeds;
 
 /// Throws if an expectation does not hold.
-/// Nothing catches the exception, so the program ends and libFuzzer saves the input.
+/// Nothing catches the exception, so the program aborts and libFuzzer saves the input.
 inline void check(bool holds, const char* expectation) {
   if (!holds) throw std::logic_error(expectation);
 }

@@ -1,10 +1,13 @@
 # SPDX-License-Identifier: MIT
-"""Runs the two lab hosts of lab/up, for tests and tools in Python.
+"""Makes two hosts on this machine, `server` (172.20.10.1/30) and `client` (172.20.10.2/30). One link joins them, and
+both ends of it are named bsab.
 
     with Lab(sshd=True) as lab:
         print(lab.client.run("ssh 172.20.10.1 hostname").err)
 
-Needs root and changes nothing outside the hosts. The lab ends with the `with` block or with this process."""
+A lab needs root with the privileges to make namespaces and mounts. It changes nothing outside the hosts' namespaces: it
+makes no named namespace, no mount that the machine sees, and no file. Only processes keep it alive, and they end with
+the `with` block or with this process."""
 
 import contextlib
 import ctypes
@@ -19,6 +22,12 @@ import time
 FOLDER = pathlib.Path(__file__).resolve().parent
 CHECKOUT = FOLDER.parent
 PORT = 8888
+
+# lab/host covers /root, /home, /run and /etc/ssh, and then mounts a covered checkout again. If the checkout were one of
+# these directories, this would expose the machine's files. The directories that hold them are rejected as well.
+HIDDEN = {pathlib.Path(path) for path in ("/", "/root", "/home", "/run", "/etc", "/etc/ssh")}
+ENVIRONMENT = {"LC_ALL": "C.UTF-8", "PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"}
+IN_NAMESPACES = ["unshare", "--net", "--mount", "--propagation", "private", "--pid", "--uts", "--ipc", "--fork"]
 
 _libc = ctypes.CDLL(None, use_errno=True)
 _CLONE_NEWNET = 0x40000000
@@ -43,12 +52,14 @@ class Outcome:
 
 
 class Process:
-    """A program that runs on a host, started by nsenter. Both are killed when this process dies."""
+    """A program that runs on a host, started by nsenter. Both are killed when this process dies.
+    The init of a host is also a Process."""
 
-    def __init__(self, command, stdin=subprocess.DEVNULL):
-        self._out, self._err = tempfile.TemporaryFile(), tempfile.TemporaryFile()
+    def __init__(self, command, stdin=subprocess.DEVNULL, stdout=None, env=None):
+        self._out, self._err = stdout or tempfile.TemporaryFile(), tempfile.TemporaryFile()
         # nsenter gets its own process group. Otherwise a signal to the command's group would also reach this process.
-        self.popen = subprocess.Popen(command, stdin=stdin, stdout=self._out, stderr=self._err, process_group=0,
+        self.popen = subprocess.Popen(command, stdin=stdin, stdout=self._out, stderr=self._err, env=env,
+                                      process_group=0,
                                       preexec_fn=lambda: _libc.prctl(_PR_SET_PDEATHSIG, signal.SIGKILL))
 
     @property
@@ -103,9 +114,17 @@ class Host:
         return self.path("/root/.ssh")
 
     def command(self, command):
-        """The command line that runs `command` on the host. `command` is a shell command or a list of words."""
+        """The command line that runs `command` on the host, in /root. `command` is a shell command or a list of words.
+
+        It becomes nsenter, which waits for the command from outside the host. If nsenter is killed, the command is
+        killed too. Processes that the command leaves behind end with the lab."""
         words = ["/bin/sh", "-c", command] if isinstance(command, str) else [str(word) for word in command]
-        return [str(FOLDER / "on"), str(self.pid), *words]
+        environment = {"HOME": "/root", "USER": "root", "LOGNAME": "root", "TERM": "dumb", **ENVIRONMENT}
+        passed = {name: os.environ[name] for name in ("TERM", "ASAN_OPTIONS", "UBSAN_OPTIONS") if name in os.environ}
+        # If the lab runs in a chroot, --mount alone would leave that chroot. --root enters the host's root directory.
+        return ["nsenter", "--target", str(self.pid), "--mount", "--root", "--uts", "--ipc", "--net", "--pid",
+                "setpriv", "--pdeathsig", "KILL", "env", "-i", "-C", "/root",
+                *(f"{name}={value}" for name, value in (environment | passed).items()), *words]
 
     def start(self, command, **options):
         """Starts a command and returns its Process."""
@@ -155,45 +174,84 @@ class Host:
 
     @contextlib.contextmanager
     def capture(self, file, interface="bsab"):
-        """Captures the host's traffic into `file` (pcapng) during the `with` block. Needs dumpcap."""
-        with open(file, "wb") as target, subprocess.Popen(
-                self.command(["dumpcap", "-q", "-p", "-i", interface, "-w", "-"]),
-                stdin=subprocess.DEVNULL, stdout=target, stderr=subprocess.PIPE, text=True) as nsenter:
-            for line in nsenter.stderr:
-                if line.startswith("File:"):  # printed when the capture has started
-                    break
-            else:
-                raise RuntimeError("dumpcap did not start")
-            try:
-                yield
-            finally:
-                time.sleep(0.5)  # dumpcap may read packets a quarter of a second late
-                # Signals dumpcap and not nsenter: a killed dumpcap would leave a file without the last packets.
-                children = f"/proc/{nsenter.pid}/task/{nsenter.pid}/children"
-                os.kill(int(pathlib.Path(children).read_text().split()[0]), signal.SIGTERM)
-                nsenter.stderr.read()
+        """Captures the host's traffic into `file` (pcapng) during the `with` block. Needs dumpcap.
+        Raises RuntimeError if dumpcap could not write all packets."""
+        # The file is opened here, because its path may lead to another file on the host.
+        with open(file, "wb") as target:
+            dumpcap = self.start(["dumpcap", "-q", "-p", "-i", interface, "-w", "-"], stdout=target)
+        eventually(lambda: "File: -" in dumpcap.err or not dumpcap.running)  # printed when the capture has started
+        if not dumpcap.running:
+            raise RuntimeError(f"dumpcap did not start: {dumpcap.err.strip()}")
+        try:
+            yield
+        finally:
+            time.sleep(0.5)  # dumpcap may read packets a quarter of a second late
+            if dumpcap.running:
+                dumpcap.signal(signal.SIGTERM)
+            status = dumpcap.popen.wait(10)
+        if status != 0:
+            raise RuntimeError(f"the capture is incomplete: {dumpcap.err.strip()}")
 
 
 class Lab:
-    """The two hosts `server` and `client`. They run during the `with` block."""
+    """The two hosts `server` and `client`. They run during the `with` block. With `sshd`, both have host keys and run
+    sshd."""
 
     def __init__(self, sshd=False):
-        self._option = ["--sshd"] if sshd else []
+        self._with_sshd = "yes" if sshd else "no"
+        self._inits = {}
 
     def __enter__(self):
-        self._up = subprocess.Popen([FOLDER / "up", *self._option], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                    stderr=subprocess.PIPE, text=True)
-        lines = [self._up.stdout.readline().split() for _ in range(2)]
-        if not all(lines):
-            raise Unavailable(self._up.communicate()[1].strip())
-        pids = dict(lines)
-        self.server = Host("server", "172.20.10.1", int(pids["server"]))
-        self.client = Host("client", "172.20.10.2", int(pids["client"]))
-        self.server.peer, self.client.peer = self.client, self.server
+        if os.geteuid() != 0:
+            raise Unavailable("only root can make hosts, use sudo")
+        if CHECKOUT in HIDDEN:
+            raise Unavailable(f"the checkout must not be {CHECKOUT} itself")
+        try:
+            self.server, self.client = self._make_hosts({"server": "172.20.10.1", "client": "172.20.10.2"})
+            self.server.peer, self.client.peer = self.client, self.server
+            self._join()
+        except BaseException:
+            self.__exit__()
+            raise
         return self
 
     def __exit__(self, *_):
-        self._up.communicate()  # closes lab/up's standard input, which ends the lab
+        # The kernel kills all other processes of a host with its init. If this process dies instead, the standard input
+        # of each init ends, and the init exits.
+        for init in self._inits.values():
+            if init.running:
+                init.signal(signal.SIGKILL)
+            init.wait()
+            init.popen.stdin.close()
+
+    def _make_hosts(self, addresses):
+        """Starts the first process (init) of each host, and waits until the hosts are ready."""
+        # A program that ignores SIGINT may have started this one, and sshd would pass that on to every login.
+        start = ["env", "--default-signal", *IN_NAMESPACES, "--kill-child=KILL", FOLDER / "host"]
+        for name in addresses:
+            self._inits[name] = Process([*start, name, CHECKOUT, self._with_sshd], stdin=subprocess.PIPE,
+                                        env=ENVIRONMENT)
+        for name, init in self._inits.items():
+            eventually(lambda: init.out.endswith("\n") or not init.running, 20)
+            if not init.out:
+                raise Unavailable(_explain(init.err or f"the {name} was not ready within 20 s"))
+            yield Host(name, addresses[name], int(init.out))
+
+    def _join(self):
+        # If both ends had the same index, the kernel would treat them as unpaired interfaces, and might report a second
+        # late that they are up.
+        ends = (["bsab", "index", "101", "netns", str(self.server.pid)],
+                ["bsab", "index", "102", "netns", str(self.client.pid)])
+        link = subprocess.run(["ip", "link", "add", *ends[0], "type", "veth", "peer", "name", *ends[1]],
+                              capture_output=True, text=True, env=ENVIRONMENT)
+        if link.returncode != 0:
+            raise Unavailable(_explain(link.stderr))
+        for host in self.hosts:
+            host.check(f"ip link set lo up && ip address add {host.address}/30 dev bsab && ip link set bsab up")
+        for host in self.hosts:
+            state = host.path("/sys/class/net/bsab/operstate")
+            if not eventually(lambda: state.read_text() == "up\n", 5):
+                raise RuntimeError("the link did not come up within 5 s")
 
     @property
     def hosts(self):
@@ -224,6 +282,19 @@ def eventually(condition, seconds=10):
     while not (value := condition()) and time.monotonic() < deadline:
         time.sleep(0.01)
     return value
+
+
+def _explain(output):
+    """Why a host cannot be made: the missing right if there is one, otherwise the first line of `output`."""
+    trial = subprocess.run([*IN_NAMESPACES, "sh", "-c", "mount -t proc proc /proc && ip link set lo up"],
+                           capture_output=True, text=True, env=ENVIRONMENT)
+    if trial.returncode == 0:
+        return output.partition("\n")[0]
+    reason = trial.stderr.partition("\n")[0]
+    needed = "root with CAP_SYS_ADMIN and CAP_NET_ADMIN; a container needs --privileged"
+    if "propagation" in trial.stderr:
+        needed = "a mount point as /; for a chroot: mount --bind ROOT ROOT"
+    return f"cannot make a host ({reason}). This needs {needed}"
 
 
 def _enter(network):

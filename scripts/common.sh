@@ -134,9 +134,9 @@ become_root() {
   command=$(printf '%q ' "$script" "${script_arguments[@]}")
   command=${command% }
   if [[ ! $(command -v sudo) ]]; then
-    fail "this needs root, and sudo is not installed. Type: su -c ${command@Q}"
+    fail "this needs root, and sudo is not installed. Run: su -c ${command@Q}"
   fi
-  printf '%s needs root and starts again with sudo. If you may not use sudo, type: su -c %s\n' \
+  printf '%s needs root and starts again with sudo. If you may not use sudo, run: su -c %s\n' \
     "${0##*/}" "${command@Q}" >&2
   exec sudo ${CI+env "CI=$CI"} "$script" "${script_arguments[@]}"
 }
@@ -146,6 +146,13 @@ return_build() {
   if [[ $owner && -d $checkout/build ]]; then
     chown -R "$owner" "$checkout/build"
   fi
+}
+
+# leave_to_user FILE: makes a file of root belong to the user who has called sudo, or to the owner of the checkout.
+leave_to_user() {
+  local user=${SUDO_UID+$SUDO_UID:$SUDO_GID}
+  user=${user:-$owner}
+  [[ ! $user ]] || chown "$user" "$1"
 }
 
 # Restarts the script as the owner of the checkout, if that is another user. It is for scripts that need root only to
@@ -220,7 +227,7 @@ install_missing() {
   fi
   if [[ ! $had_sshd && -e /usr/sbin/sshd ]]; then
     quietly 'disabling the ssh service' update-rc.d ssh disable
-    echo 'Installed openssh-server and disabled its service. To start it, type as root: systemctl enable --now ssh'
+    echo 'Installed openssh-server and disabled its service. To start it, run as root: systemctl enable --now ssh'
   fi
 }
 

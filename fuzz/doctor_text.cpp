@@ -24,60 +24,51 @@ const std::vector<std::string> dorve::kSeeds = {"port 22\nhostname 172.20.10.1\r
                                                 std::string(500, 'a') + std::string(500, '\1'),
                                                 std::string(500, 'a') + std::string(500, '\3')};
 
-/// The words that a POSIX shell reads from a script. Outside of quotes, operators and the few expansions
-/// that the doctor itself writes are ordinary text. Throws if a quote is not closed.
-static std::vector<std::string> wordsOf(const std::string& script) {
+/// What a POSIX shell reads from a script. Outside of quotes, operators and the few expansions that the
+/// doctor itself writes are ordinary text.
+struct Script {
   std::vector<std::string> words;
+  std::string bare;  ///< what the shell would act on: the text without its quoted parts
+};
+
+/// Throws if a quote is not closed.
+static Script readScript(const std::string& text) {
+  Script script;
   std::string word;
   bool started = false;
-  for (std::size_t i = 0; i <= script.size(); ++i) {
-    if (i == script.size() || script[i] == ' ') {
-      if (started) words.push_back(word);
+  for (std::size_t i = 0; i <= text.size(); ++i) {
+    if (i == text.size() || text[i] == ' ') {
+      if (started) script.words.push_back(word);
       word.clear();
+      script.bare += ' ';
       started = false;
       continue;
     }
     started = true;
-    if (script[i] == '\'') {
-      const std::size_t end = script.find('\'', i + 1);
+    if (text[i] == '\'') {
+      const std::size_t end = text.find('\'', i + 1);
       check(end != std::string::npos, "each quote is closed");
-      word.append(script, i + 1, end - i - 1);
+      word.append(text, i + 1, end - i - 1);
       i = end;
-    } else if (script[i] == '\\') {
-      check(++i < script.size(), "a backslash is before a character");
-      word += script[i];
+    } else if (text[i] == '\\') {
+      check(++i < text.size(), "a backslash is before a character");
+      word += text[i];
     } else {
-      word += script[i];
+      word += text[i];
+      script.bare += text[i];
     }
   }
-  return words;
-}
-
-/// What a shell would act on: the script without its quoted parts.
-static std::string bareText(const std::string& script) {
-  std::string bare;
-  for (std::size_t i = 0; i < script.size(); ++i) {
-    if (script[i] == '\'') {
-      i = script.find('\'', i + 1);
-      check(i != std::string::npos, "each quote is closed");
-    } else if (script[i] == '\\') {
-      ++i;
-    } else {
-      bare += script[i];
-    }
-  }
-  return bare;
+  return script;
 }
 
 static void checkCommand(const std::string& command, const std::string& hostile) {
   for (const char c : command)
     check(c < '\0' || (c >= ' ' && c != 0x7F), "a command has no control characters");
-  const std::string bare = bareText(command);
+  const auto [words, bare] = readScript(command);
   check(hostile.empty() || !contains(bare, hostile), "hostile text is quoted");
-  // `sh -c` reads its argument as a script again.
-  const std::vector<std::string> words = wordsOf(command);
+  // `sh -c` and `su - -c` read their argument as a script again.
   for (std::size_t i = 1; i < words.size(); ++i) {
-    if (words[i - 1] == "-c" && i > 1 && words[i - 2] == "sh") checkCommand(words[i], hostile);
+    if (words[i - 1] == "-c") checkCommand(words[i], hostile);
   }
 }
 
@@ -160,6 +151,7 @@ class Filler {
     user.shell = text();
     user.typedBy = flip() ? "" : text();
     user.rootHelps = flip();
+    user.hasSudo = flip();
     user.shellWorks = flip();
     user.startFiles = texts();
     user.locked = flip();
@@ -210,6 +202,7 @@ class Filler {
     directory.candidates = {file()};
     directory.ofHome = file();
     directory.isOfHome = flip();
+    directory.closed = text();
     directory.canonicalHome = flip() ? "/home" : "";
     if (flip()) directory.parents = {file(), file()};
     directory.authorizedKeys = file();
@@ -280,6 +273,8 @@ class Filler {
     pairing.exists = flip();
     for (int i = pick<int>(2); i > 0; --i) pairing.lines.push_back({i, text(), text()});
     pairing.hasHostLine = flip();
+    pairing.keygenPath = text();
+    pairing.sshPath = text();
     pairing.keygen = outcome();
     pairing.derived = outcome();
     pairing.fingerprint = text();
@@ -316,10 +311,9 @@ class Filler {
 };
 
 static void checkTextFunctions(const std::string& text) {
-  const std::string script = dorve::quoted(text);
-  check(wordsOf(script) == std::vector{text}, "a shell reads back the same word");
-  check(isPlainWord(text) || isPlainWord(bareText(script)) || bareText(script).empty(),
-        "nothing special is unquoted");
+  const auto [words, bare] = readScript(dorve::quoted(text));
+  check(words == std::vector{text}, "a shell reads back the same word");
+  check(bare == " " || isPlainWord(bare.substr(0, bare.size() - 1)), "nothing special is unquoted");
   const Settings settings(text);
   for (const std::string& line : linesOf(text)) {
     const std::size_t blank = line.find(' ');

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The edits of authorized_keys, known_hosts and config.
+// The edits of authorized_keys, known_hosts and config, and their removal.
 // The files may hold any text, and the disk may be full.
 #include "dorve/keys/ssh_files.h"
 
@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "dorve/keys/file_text.h"
+#include "dorve/keys/unpair.h"
 #include "fuzz.h"
 
 using namespace dorve;
@@ -49,6 +50,18 @@ static std::string withEntry(const std::string& text, const std::string& marker,
   return kept + (kept.empty() ? "" : "\n") + entry;
 }
 
+/// The lines of a text that lack `marker`, blank lines included.
+static std::string without(const std::string& text, const std::string& marker) {
+  std::string kept;
+  for (std::size_t start = 0; start < text.size();) {
+    const std::size_t end = std::min(text.find('\n', start), text.size() - 1) + 1;
+    const std::string line = text.substr(start, end - start);
+    if (line.find(marker) == std::string::npos) kept += line;
+    start = end;
+  }
+  return kept;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   FuzzedDataProvider input(data, size);
   const int choice = input.ConsumeIntegral<std::uint8_t>(), times = input.ConsumeIntegral<std::uint8_t>();
@@ -81,5 +94,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     check(readFileText(path) == expected, "a repeated edit gives the same text");
     check(std::filesystem::status(path).permissions() == std::filesystem::perms{0600}, "the mode is 0600");
   }
+  if (choice % 3 == 1 || (choice % 3 == 2 && hasBlock)) return 0;
+  const std::string unpaired = choice % 3 == 0 ? without(expected, kName) : before;
+  freeBytes = limited ? 16 * limit : kUnlimited;
+  removeRemnants(kSshDir, kName, {kHost});
+  const std::optional<std::string> left = readFileText(path);
+  check(left == unpaired || (limited && left == expected), "a full disk leaves the old or the new text");
+  freeBytes = kUnlimited;
+  check(removeRemnants(kSshDir, kName, {kHost}).empty() == (left == unpaired), "a removed line stays away");
+  check(readFileText(path) == unpaired, "a removal leaves all other bytes as they were");
   return 0;
 }

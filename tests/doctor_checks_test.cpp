@@ -306,7 +306,8 @@ TEST(DoctorDirectory, IsThatOfTheHomeDirectory) {
       {WITH(lose(d, Type::FILE)),
        "none: /h/.ssh (a file) $ mv -nT /h/.ssh /h/.ssh.old && mkdir -m 700 /h/.ssh"},
       {WITH(lose(d, Type::MISSING), d.dir.canonicalHome = ""), "none: /h/.ssh (missing) $ "},
-      {WITH(lose(d, Type::UNKNOWN), d.dir.ofHome.error = "Permission denied"), "/h/.ssh: Permission denied"},
+      {WITH(lose(d, Type::UNKNOWN), d.dir.ofHome.error = "Permission denied", d.dir.closed = "/h"),
+       "/h/.ssh: Permission denied | root may not enter /h; root must permit it"},
       {WITH(lose(d, Type::DIRECTORY)), "none: /h/.ssh (a file) $ export HOME=/h"},
       {WITH(move(d, "/s")), "/s, not /h/.ssh (a file) $ export HOME=/h"},
       {WITH(move(d, "/a b")), "/a b contains a blank or a special character $ export HOME=/h"},
@@ -316,7 +317,9 @@ TEST(DoctorDirectory, IsThatOfTheHomeDirectory) {
 
 TEST(DoctorDirectory, CanBeWrittenOnlyByItsUser) {
   Check{"ssh-dir-modes", paired}.finds({
-      {WITH(d.home().mode = 01702), "/h may be written by others (mode 1702) $ chmod go-w /h"},
+      {WITH(d.home().mode = 01702),
+       "/h may be written by others (mode 1702) | ssh and sshd reject files that others could have written $ "
+       "chmod go-w /h"},
       {WITH(d.home().owner = 7), "/h belongs to root, not to root $ chown -h root: /h"},
       {WITH(d.home().mode = 0666, setSshd(d, "strictmodes no")), "ok: owner root, mode 0600"},
       {WITH(d.dir.parents.clear()), "skip: not checked"},
@@ -360,7 +363,9 @@ TEST(DoctorDirectory, HoldsUsableFiles) {
        "/h/.ssh/authorized_keys: "},
   });
   Check{"ssh-keygen", paired}.finds(
-      {{WITH(d.pairing.keygen = {}), "not found $ apt-get install --reinstall --yes openssh-client"}});
+      {{WITH(d.pairing.keygen = {}), "not found $ apt-get install --reinstall --yes openssh-client"},
+       {WITH(d.pairing.keygen = Device::exited(1, "no"), d.pairing.keygenPath = "/opt/ssh-keygen"),
+        "/opt/ssh-keygen: no $ "}});
 }
 
 /// "ok: ", "warn: " or "": what becomes of the packets of the link with these rules in the chain "in".
@@ -467,7 +472,8 @@ TEST(DoctorSshd, LetsTheAccountIn) {
   Check{"sshd-config", robo}.finds({
       {WITH(d.user.locked = true, setSshd(d, "usepam no")), "the account robo is locked"},
       {WITH(d.user.expired = true), "the account robo has expired $ usermod --expiredate '' robo"},
-      {WITH(d.user.passwordOld = true), "the password of robo has expired"},
+      {WITH(d.user.passwordOld = true),
+       "the password of robo has expired $ chage --lastday -1 --maxdays -1 robo"},
       {WITH(d.user.passwordOld = true, setSshd(d, "usepam no")), "ok: sshd accepts the pairing key for robo"},
       {WITH(d.sshd.loginsForbidden = true), "/etc/nologin exists"},
       {WITH(setSshd(d, "permitrootlogin no")), "ok: sshd accepts the pairing key for robo"},
@@ -489,7 +495,13 @@ TEST(DoctorSshd, SaysWhyItRefuses) {
       {WITH(say(d, "ROOT LOGIN REFUSED")), "sshd: ROOT LOGIN REFUSED $ PermitRootLogin prohibit-password'"},
       {WITH(say(d, "revoked keys file")), "sshd: revoked keys file $ RevokedKeys /dev/null'"},
       {WITH(say(d, "revoked by file")), "sshd: revoked by file $ dorve-client"},
-      {WITH(say(d, "tcp wrapper")), "sshd: tcp wrapper | hosts_access(5) keeps the other device out"},
+      {WITH(say(d, "tcp wrapper")),
+       "sshd: tcp wrapper | hosts_access(5) keeps the other device out $ { grep -sqxF 'sshd: 1.0.0.1' "
+       "/etc/hosts.allow || { [ -s /etc/hosts.allow ] || echo >>/etc/hosts.allow; sed --follow-symlinks -i "
+       "'1i "
+       "sshd: 1.0.0.1' /etc/hosts.allow; }; }"},
+      {WITH(say(d, "No supported key exchange algorithms"), setLines(d, "hostkeyalgorithms", false)),
+       "sshd: No supported key exchange algorithms $ sed --follow-symlinks -i '4{/^$/s/^/#/}' '/d e'"},
       {WITH(say(d, "Unable to negotiate: no key exchange"), setLines(d, "kexalgorithms", false)),
        "sshd: Unable to negotiate: no key exchange $ sed --follow-symlinks -i '4{/^$/s/^/#/}' '/d e'"},
       {WITH(say(d, "another reason")), "sshd: another reason $ "},
@@ -619,6 +631,8 @@ TEST(DoctorPairing, IsWhatSshUses) {
       {WITH(d.pairing.ssh = {}), "ssh is missing or cannot be started"},
       {WITH(fail(d, "/h/.ssh/config", 2)), "bad $ sed --follow-symlinks -i '2{/^x$/s/^/#/}' /h/.ssh/config"},
       {WITH(fail(d, "", 0)), "bad $ "},
+      {WITH(fail(d, "", 0), d.pairing.sshPath = "/bin/ssh"), "bad $ "},
+      {WITH(fail(d, "", 0), d.pairing.sshPath = "/opt/ssh"), "/opt/ssh: bad $ "},
       {WITH(d.pairing.hasHostLine = false), "/h/.ssh/config has no Host 1.0.0.1 $ dorve-client"},
       {WITH(set(d, "bindinterface eth0")), "for 1.0.0.1 ssh uses BindInterface eth0 $ BindInterface bsab'"},
       {WITH(d.pairing.masterHangs = true, set(d, "controlpath /tmp/x")),
@@ -626,7 +640,7 @@ TEST(DoctorPairing, IsWhatSshUses) {
       {WITH(set(d, "exitonforwardfailure yes\nlocalforward 1 x")),
        "warn: for 1.0.0.1 ssh uses ExitOnForwardFailure yes"},
       {WITH(set(d, "exitonforwardfailure yes\ndynamicforward 1")),
-       "warn: for 1.0.0.1 ssh uses ExitOnForwardFailure yes"},
+       "warn: for 1.0.0.1 ssh uses ExitOnForwardFailure yes $ ExitOnForwardFailure no'"},
       {WITH(set(d, "exitonforwardfailure no\ndynamicforward 1")),
        "ok: ssh uses the pairing's key for 1.0.0.1"},
       {WITH(set(d, "bindinterface bsab\nbindaddress 9.9.9.9\npreferredauthentications x")),

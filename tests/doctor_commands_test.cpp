@@ -81,6 +81,9 @@ TEST(DoctorCommands, HaveTheRightsThatTheyNeed) {
   EXPECT_EQ(d.commands.asRoot("a; 'b'"), "sudo sh -c 'a; '\\''b'\\'''");
   EXPECT_EQ(d.commands.pairAgain(), "sudo -i -u robo dorve-client  # first start dorve-server on 1.0.0.1");
   EXPECT_EQ(d.commands.doctorThere(), "sudo dorve-doctor --user robo server  # on 1.0.0.1");
+  d.user.hasSudo = false;
+  EXPECT_EQ(d.commands.asRoot("a; b"), "su - -c 'a; b'");
+  EXPECT_EQ(d.commands.doctorThere(), "su - -c 'dorve-doctor --user robo server'  # on 1.0.0.1");
 }
 
 TEST(DoctorCommands, PairAgainOnTheOtherDeviceIfTheServerRuns) {

@@ -88,7 +88,7 @@ class Serve : public testing::Test {
 };
 
 TEST_F(Serve, StopsAWaitWithoutAnyChangeToTheDeviceOrTheSocket) {
-  struct sigaction action {};
+  struct sigaction action = {};
   action.sa_handler = onSignal;
   ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
   const int fd = TestAccess::descriptor(listener);

@@ -452,7 +452,7 @@ def test_describes_itself(lab, build):
         1, "", "dorve-doctor: cannot write to standard output\n")
     add_user(lab.client, build)
     assert lab.client.run([*AS_USER, "dorve-doctor --user root"]) == Outcome(
-        2, "", "dorve-doctor: --user needs root, run it with sudo\n")
+        2, "", "dorve-doctor: --user needs root\n")
 
 
 @pytest.mark.parametrize("arguments", ["--bogus", "client server", "--timeout", "--timeout 0", "--timeout 61",

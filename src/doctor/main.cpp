@@ -101,7 +101,7 @@ int main(int count, char** arguments) {
                                            take);
   if (status) return *status;
   if (!options.question.user.empty() && geteuid() != 0) {
-    std::cerr << "dorve-doctor: --user needs root, run it with sudo\n";
+    std::cerr << "dorve-doctor: --user needs root\n";
     return 2;
   }
   const int limitMs = dorve::totalMs(options.question) + kReserveMs;

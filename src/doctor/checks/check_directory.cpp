@@ -44,8 +44,9 @@ Finding missingDirectory(const User& user, const Side& side, const Directory& di
             commands.useHome()};
   }
   if (directory.ofHome.type == FileInfo::Type::UNKNOWN && directory.ofHome.error != kLinkLoop) {
+    const std::string closed = directory.closed.empty() ? "a directory above it" : directory.closed;
     return {Verdict::FAIL, "ssh-dir", path + ": " + directory.ofHome.error,
-            user.name + " may not enter a directory above it"};
+            user.name + " may not enter " + closed + "; root must permit it"};
   }
   if (directory.canonicalHome.empty()) {
     return {Verdict::FAIL, "ssh-dir", found,
@@ -220,6 +221,11 @@ Findings checkKeygen(const User& user, const Pairing& pairing, const Commands& c
     return {{Verdict::SKIP, "ssh-keygen", "not checked: it does not run without a user name"}};
   }
   if (pairing.keygen.succeeded()) return {{Verdict::OK, "ssh-keygen", "runs and knows ed25519"}};
+  if (isReplaced("ssh-keygen", pairing.keygenPath)) {
+    return {
+        {Verdict::FAIL, "ssh-keygen", pairing.keygenPath + ": " + pairing.keygen.message(),
+         "PATH leads to this file, not to /usr/bin/ssh-keygen; move it away if it does not belong there"}};
+  }
   return {{Verdict::FAIL, "ssh-keygen", pairing.keygen.message(),
            "without ssh-keygen the programs create no key, and they do not report that",
            commands.asRoot("apt-get install --reinstall --yes openssh-client")}};

@@ -143,6 +143,14 @@ std::optional<Finding> judgeReplaced(const Known& known) {
 }
 
 Finding rejectedConfig(const Known& known) {
+  if (known.pairing.fault.number == 0 && isReplaced("ssh", known.pairing.sshPath)) {
+    return {Verdict::FAIL,
+            "ssh-config",
+            known.pairing.sshPath + ": " + known.pairing.ssh.message(),
+            "PATH leads to this file, not to /usr/bin/ssh; move it away if it does not belong there",
+            "",
+            Serves::LOGIN_THERE};
+  }
   const std::string command = known.commands.disableForSsh(known.pairing.fault);
   return {Verdict::FAIL,
           "ssh-config",

@@ -57,11 +57,9 @@ Findings checkPeer(const Known& known) {
   }
   if (known.peer->ssh == PortState::REFUSED) {
     findings.push_back({Verdict::FAIL, "peer-22", ssh + " refuses connections",
-                        "no sshd listens there, so no login is possible", known.commands.doctorThere(),
-                        Serves::LOGIN_THERE});
+                        "no sshd listens there, so no login is possible", known.commands.doctorThere()});
   } else {
     findings.push_back(judgePort(ssh, "peer-22", known.peer->ssh, known.commands));
-    findings.back().serves = Serves::LOGIN_THERE;
   }
   return findings;
 }

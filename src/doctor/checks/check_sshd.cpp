@@ -8,8 +8,6 @@
 namespace dorve {
 namespace {
 
-constexpr std::uint16_t kSshPort = 22;
-
 /// An sshd that listens, but not on port 22 of the link's address; no finding if there is none.
 std::optional<Finding> judgeMisplaced(const Known& known) {
   for (const Listener& listener : known.processes->listeners) {

@@ -6,11 +6,11 @@
 namespace dorve {
 namespace {
 
-Finding judgeUser(const User& user, const Directory& directory) {
+Finding judgeUser(const User& user, const Directory& directory, const Commands& commands) {
   if (user.name.empty()) {
     return {Verdict::FAIL, "user", "no name for user " + std::to_string(user.id),
             "ssh works only for users in the password database",
-            "sudo useradd --create-home --uid " + std::to_string(user.id) + " dorve"};
+            commands.asRoot("useradd --create-home --uid " + std::to_string(user.id) + " dorve")};
   }
   Finding finding = {Verdict::OK, "user",
                      user.name + (directory.path.empty() ? "" : ", with the SSH files in " + directory.path)};
@@ -65,7 +65,8 @@ Finding judgeServerPort(const Side& side, const Processes& processes, const Comm
     if (!listener.owner) {
       if (!processes.programs.empty()) break;
       return {Verdict::FAIL, "port-8888", "held by a process of another user",
-              "dorve-server cannot listen on it; sudo dorve-doctor names the process"};
+              "dorve-server cannot listen on it; root's dorve-doctor names the process",
+              commands.asRoot("dorve-doctor server")};
     }
     const Process& owner = *listener.owner;
     if (owner.name == side.program) return {Verdict::OK, "port-8888", side.program + " waits for a client"};
@@ -79,8 +80,8 @@ Finding judgeServerPort(const Side& side, const Processes& processes, const Comm
 
 }  // namespace
 
-Findings checkUser(const User& user, const Side& side, const Directory& directory) {
-  return {judgeUser(user, directory), judgeSide(side)};
+Findings checkUser(const User& user, const Side& side, const Directory& directory, const Commands& commands) {
+  return {judgeUser(user, directory, commands), judgeSide(side)};
 }
 
 Findings checkPrograms(const Side& side, const Fact<Processes>& processes, const Commands& commands) {

@@ -44,7 +44,7 @@ std::vector<Finding> judge(const Facts& facts) {
   const Known known = {*facts.user, *facts.side, link,  directory,  facts.processes,
                        sshd,        pairing,     login, facts.peer, commands};
 
-  Findings all = checkUser(known.user, known.side, directory);
+  Findings all = checkUser(known.user, known.side, directory, commands);
   add(all, facts.link ? checkLink(known.user, known.side, link, commands)
                       : Findings{unexamined("interface", facts.link.whyNot)});
   const bool strictModes = sshd.settings.first("strictmodes") != "no";

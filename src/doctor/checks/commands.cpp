@@ -29,6 +29,7 @@ std::string Commands::asRoot(const std::string& script) const {
   if (!isShowable(script)) return "";
   const bool isRoot = user.rootHelps && (user.typedBy.empty() || user.typedBy == "root");
   if (isRoot) return script;
+  if (!user.hasSudo) return "su - -c " + quoted(script);
   return isOneCommand(script) ? "sudo " + script : "sudo sh -c " + quoted(script);
 }
 
@@ -59,8 +60,10 @@ std::string Commands::doctorThere(const std::string& name) const {
   const std::string whose = name.empty() ? user.name : name;
   const bool isRoots = whose == "root" || !isPlainName(whose);
   const bool needsSudo = !user.isRoot() || (!user.typedBy.empty() && user.typedBy != "root");
-  return onPeer((needsSudo ? "sudo dorve-doctor " : "dorve-doctor ") +
-                (isRoots ? "" : "--user " + whose + " ") + (side.role == Role::CLIENT ? "server" : "client"));
+  const std::string command = std::string("dorve-doctor ") + (isRoots ? "" : "--user " + whose + " ") +
+                              (side.role == Role::CLIENT ? "server" : "client");
+  if (!needsSudo) return onPeer(command);
+  return onPeer(user.hasSudo ? "sudo " + command : "su - -c " + quoted(command));
 }
 
 bool Commands::isInHome(const std::string& path) const {

@@ -76,6 +76,10 @@ FaultyLine findFault(const std::string& message) {
   return fault;
 }
 
+bool isReplaced(const std::string& program, const std::string& found) {
+  return !found.empty() && found != "/usr/bin/" + program && found != "/bin/" + program;
+}
+
 std::vector<ChangedSetting> changedSettings(const Pairing& pairing) {
   std::vector<ChangedSetting> changed;
   std::vector<std::string> names = pairing.settings.names();

@@ -22,7 +22,7 @@ const Process* Processes::sshd() const {
   const Process* any = nullptr;
   for (const Listener& listener : listeners) {
     if (!listener.owner || !listener.owner->isSshd()) continue;
-    if (listener.port == 22 && listener.coversOwn) return &*listener.owner;
+    if (listener.port == kSshPort && listener.coversOwn) return &*listener.owner;
     if (any == nullptr) any = &*listener.owner;
   }
   return any;

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include <fcntl.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -27,6 +28,16 @@ void measureSpace(Directory& directory, bool isRoot) {
   }
 }
 
+/// The topmost directory above a path that this process may not enter; empty if there is none.
+std::string closedAbove(const std::filesystem::path& path) {
+  std::filesystem::path place;
+  for (const std::filesystem::path& part : path.parent_path()) {
+    place /= part;
+    if (faccessat(AT_FDCWD, place.c_str(), X_OK, AT_EACCESS) != 0 && errno == EACCES) return place;
+  }
+  return "";
+}
+
 }  // namespace
 
 Directory gatherDirectory(const User& user) {
@@ -42,6 +53,7 @@ Directory gatherDirectory(const User& user) {
     }
   }
   directory.ofHome = inspect(user.home + "/.ssh");
+  if (directory.ofHome.type == FileInfo::Type::UNKNOWN) directory.closed = closedAbove(directory.ofHome.path);
   directory.canonicalHome = canonical(user.home);
   if (directory.path.empty()) return directory;
 

@@ -19,6 +19,7 @@
 #include <memory>
 #include <sstream>
 
+#include "dorve/facts/text.h"
 #include "dorve/gather/command.h"
 
 namespace dorve {
@@ -130,6 +131,15 @@ std::vector<FileInfo> inspectUpTo(const std::string& path, const std::string& to
     place = std::filesystem::path(place).parent_path();
   }
   return infos;
+}
+
+std::string findProgram(const std::string& name) {
+  const char* path = std::getenv("PATH");
+  for (const std::string& folder : split(path == nullptr ? "" : path, ":")) {
+    const FileInfo program = inspect(folder + "/" + name);
+    if (program.type == FileInfo::Type::FILE && (program.mode & 0111U) != 0) return program.path;
+  }
+  return "";
 }
 
 std::string readText(const std::string& path) {

@@ -20,6 +20,9 @@ constexpr int kTotalMs = 9500;
 constexpr int kReserveMs = 700;  // to judge and print, and for what a hanging command leaves
 constexpr int kProbeAfterLoginMs = 1000;
 
+template <typename T>
+using Subject = Fact<T> Facts::*;
+
 /// Where the gathering thread leaves its facts.
 struct Board {
   std::mutex mutex;
@@ -29,7 +32,7 @@ struct Board {
   bool hasEnded = false;
 
   template <typename T>
-  void publish(Fact<T> Facts::*subject, Fact<T> value) {
+  void publish(Subject<T> subject, Fact<T> value) {
     const std::scoped_lock lock(mutex);
     facts.*subject = std::move(value);
   }
@@ -109,7 +112,7 @@ class Gatherer {
   }
 
   template <typename T>
-  void publish(Fact<T> Facts::*subject, Fact<T> value) {
+  void publish(Subject<T> subject, Fact<T> value) {
     facts.*subject = value;
     board->publish(subject, std::move(value));
   }

@@ -71,6 +71,8 @@ Pairing gatherPairing(const User& user, const Side& side, const Directory& direc
     return runCommand(words, deadline.leftMs(kCommandMs));
   };
   Pairing pairing;
+  pairing.keygenPath = findProgram("ssh-keygen");
+  pairing.sshPath = findProgram("ssh");
   pairing.keygen = runCommand({"ssh-keygen", "-l", "-f", "-"}, deadline.leftMs(kCommandMs), kSample);
   pairing.ssh = ask({"ssh", "-G", "--", side.peerAddress});
   pairing.settings = Settings(pairing.ssh.out);

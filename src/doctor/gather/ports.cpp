@@ -18,7 +18,6 @@
 namespace dorve {
 namespace {
 
-constexpr std::uint16_t kSshPort = 22;
 constexpr int kOwnAddressMs = 300;
 
 /// Keeps the packets of a socket on one interface.

@@ -18,7 +18,6 @@
 namespace dorve {
 namespace {
 
-constexpr std::uint16_t kSshPort = 22;
 constexpr std::string_view kListening = "0A";                     // the state TCP_LISTEN in /proc/net/tcp
 constexpr std::string_view kMapped = "0000000000000000FFFF0000";  // the prefix of IPv4 in /proc/net/tcp6
 constexpr int kSearchMs = 700;                                    // for the owners of sockets
@@ -85,9 +84,9 @@ Process readProcess(const std::filesystem::path& folder) {
   process.stopped = stat[close + 2] == 'T';
   std::error_code error;
   process.program = std::filesystem::read_symlink(folder / "exe", error);
-  // An upgrade appends the word to the path.
+  // An upgrade appends the word to the path. A layer that was mounted over /usr later has another file there.
   process.runsSshd = std::filesystem::equivalent(folder / "exe", "/usr/sbin/sshd", error) ||
-                     process.program == "/usr/sbin/sshd (deleted)";
+                     process.program == "/usr/sbin/sshd" || process.program == "/usr/sbin/sshd (deleted)";
   struct stat status = {};
   process.ofRoot = ::stat(folder.c_str(), &status) == 0 && status.st_uid == 0;
   return process;

@@ -27,7 +27,6 @@ namespace dorve {
 namespace {
 
 constexpr const char* kSshd = "/usr/sbin/sshd";
-constexpr std::uint16_t kSshPort = 22;
 constexpr int kRehearsalMs = 3000;
 
 /// Moves this thread to an empty network. The destructor moves it back.

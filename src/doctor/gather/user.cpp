@@ -45,6 +45,7 @@ User gatherUser(const std::string& name) {
   user.home = entry->pw_dir;
   user.shell = entry->pw_shell[0] == '\0' ? "/bin/sh" : entry->pw_shell;
   if (const group* known = getgrgid(entry->pw_gid)) user.group = known->gr_name;
+  user.hasSudo = !findProgram("sudo").empty();
   const FileInfo shell = inspect(user.shell);
   user.shellIsListed = contains(readText("/etc/shells") + "\n", user.shell + "\n");
   for (const char* file : {"/.bashrc", "/.zshenv", "/.cshrc", "/.tcshrc", "/.ssh/rc", "/.ssh/environment"}) {

@@ -34,7 +34,7 @@ struct Known {
 using Findings = std::vector<Finding>;
 
 /// Whose pairing is examined, on which side.
-Findings checkUser(const User& user, const Side& side, const Directory& directory);
+Findings checkUser(const User& user, const Side& side, const Directory& directory, const Commands& commands);
 
 /// The link's interface and address, and the route to the other device.
 Findings checkLink(const User& user, const Side& side, const Link& link, const Commands& commands);

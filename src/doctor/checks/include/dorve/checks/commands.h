@@ -15,7 +15,8 @@ namespace dorve {
 ///
 /// - Every word from outside is quoted. A command with a character that a terminal would not show as it is
 ///   becomes empty.
-/// - A command gets the rights that it needs, by sudo, or by runuser if root works for another user.
+/// - A command gets the rights that it needs, by sudo or su, or by runuser if root works for another
+///   user.
 /// - A setting of sshd holds only for this user and the other device, unless sshd knows it only for all
 /// logins.
 ///   A reload follows only if `sshd -t` passes.

@@ -70,6 +70,8 @@ struct Pairing {
   std::vector<KeyLine> lines;  ///< without comment lines
   bool hasHostLine = false;    ///< config contains "Host ADDRESS" somewhere, so a pairing adds no block
   bool includesOurs = false;   ///< config begins with the line that a printed command adds
+  std::string keygenPath;      ///< where PATH finds ssh-keygen; empty if it does not
+  std::string sshPath;         ///< the same of ssh
   Outcome keygen;              ///< ssh-keygen, which reads a sample key
   Outcome derived;             ///< the public key that ssh-keygen derives from the private key
   std::string fingerprint;     ///< of the key in the .pub file
@@ -83,6 +85,10 @@ struct Pairing {
   bool usesKey = false;        ///< one of ssh's identity files is the pairing key
   std::vector<std::string> otherUsers;  ///< users of this device who are paired, without this one
 };
+
+/// Returns whether PATH leads to another file than the system's program of that name. `found` is empty if it
+/// leads to none.
+bool isReplaced(const std::string& program, const std::string& found);
 
 /// A setting for which ssh has another value for the other device than a login after a pairing needs.
 struct ChangedSetting {

@@ -13,6 +13,8 @@
 /// The user, the files, the link and the processes of this device.
 namespace dorve {
 
+constexpr std::uint16_t kSshPort = 22;
+
 /// The side of a pairing.
 enum class Role : std::uint8_t { CLIENT, SERVER };
 
@@ -24,6 +26,7 @@ struct User {
   std::string shell;       ///< from the password database
   std::string typedBy;     ///< the user whose shell runs the printed commands: before sudo, if sudo was used
   bool rootHelps = false;  ///< the doctor was started by root, so it knows what only root can see
+  bool hasSudo = true;     ///< sudo is installed
   bool shellWorks = true;  ///< the shell exists and may be executed
   bool shellIsListed = true;            ///< /etc/shells lists it
   std::vector<std::string> startFiles;  ///< files that a login reads before it runs a command
@@ -58,6 +61,7 @@ struct Directory {
   std::string path;                  ///< empty if there is none
   std::vector<FileInfo> candidates;  ///< where the programs look, in order
   FileInfo ofHome;                   ///< `~/.ssh`, which ssh and sshd use
+  std::string closed;                ///< the first directory above `ofHome` that the user may not enter
   bool isOfHome = false;             ///< `path` is the directory of `ofHome`
   std::vector<FileInfo> parents;     ///< `path` and the directories above it up to the home, without links
   std::string canonicalHome;         ///< the home directory without links

@@ -19,6 +19,9 @@ std::string canonical(const std::string& path);
 /// `path`, without links, and the directories above it up to `top` or the root directory.
 std::vector<FileInfo> inspectUpTo(const std::string& path, const std::string& top);
 
+/// The file that PATH leads to for the name of a program; empty if there is none.
+std::string findProgram(const std::string& name);
+
 /// The bytes of a regular file; empty for any other file, and for one of more than 4 MiB.
 std::string readText(const std::string& path);
 

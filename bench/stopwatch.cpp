@@ -3,16 +3,12 @@
 // Each event is a line "NANOSECONDS EVENT". The time is that of the steady clock, which all lab hosts share.
 // The events `start` and `exit STATUS` are always printed.
 //
-// OPTIONS is one word of these characters, or - for none. Do not combine l with a or c.
+// OPTIONS is one word of these characters, or - for none. Do not combine l with a.
 //   0, 1  Run the program and its children only on the CPU with this number, so each host can have its own.
 //   l     Print `line TEXT` for each line on the program's standard output, which otherwise is /dev/null.
 //   a     Print `accepting` as soon as the program sleeps in accept(2).
-//   c     Print `cost KIB FAULTS CALLS`: peak resident memory, page faults and system calls.
-//         The figures leave out the children of the program.
-//         The program is traced, which makes the times of such a run useless.
 #include <fcntl.h>
 #include <sched.h>
-#include <sys/ptrace.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -27,37 +23,16 @@
 namespace {
 
 constexpr timespec kPollInterval{0, 20'000};
-constexpr int kCallStop = SIGTRAP | 0x80;  // with PTRACE_O_TRACESYSGOOD
-constexpr int kTraceOptions = PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACEEXIT | PTRACE_O_EXITKILL;
 
 void print(const std::string& event) {
   const std::chrono::nanoseconds now = std::chrono::steady_clock::now().time_since_epoch();
   std::cout << now.count() << ' ' << event << '\n';
 }
 
-std::string processFile(pid_t process, const char* name) {
-  return "/proc/" + std::to_string(process) + '/' + name;
-}
-
 bool isAccepting(pid_t child) {
   int call = -1;  // becomes 0, which is not accept, if the file contains "running"
-  std::ifstream(processFile(child, "syscall")) >> call;
+  std::ifstream("/proc/" + std::to_string(child) + "/syscall") >> call;
   return call == SYS_accept || call == SYS_accept4;
-}
-
-void printCost(pid_t child, unsigned long calls) {
-  std::string word;
-  std::ifstream status(processFile(child, "status"));
-  while (status >> word && word != "VmHWM:") {
-  }
-  status >> word;
-  unsigned long minor = 0;
-  unsigned long major = 0;
-  std::string skipped;
-  std::ifstream stat(processFile(child, "stat"));
-  for (int field = 1; field < 10; ++field) stat >> skipped;  // proc(5): page faults are fields 10 and 12
-  stat >> minor >> skipped >> major;
-  print("cost " + word + ' ' + std::to_string(minor + major) + ' ' + std::to_string(calls));
 }
 
 void printLines(int output) {
@@ -72,29 +47,15 @@ void printLines(int output) {
 /// Waits until the child exits, and prints its events.
 /// If `waitForAccept` is true, first polls until the child sleeps in accept(2).
 void follow(pid_t child, bool waitForAccept) {
-  unsigned long callStops = 0;
-  for (;;) {
-    int status = 0;
-    if (waitpid(child, &status, waitForAccept ? WNOHANG : 0) == 0) {
-      nanosleep(&kPollInterval, nullptr);
-      if (!isAccepting(child)) continue;
-      waitForAccept = false;
-      print("accepting");
-      std::cout.flush();
-    } else if (!WIFSTOPPED(status)) {
-      return print("exit " +
-                   std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status)));
-    } else {
-      int signal = WSTOPSIG(status);
-      if (signal == kCallStop) ++callStops;
-      // Each call stops the child when it starts and when it returns. Two calls are added: execve, which returns
-      // before the tracing starts, and exit_group, which does not return.
-      if (status >> 16 == PTRACE_EVENT_EXIT) printCost(child, callStops / 2 + 2);
-      if (signal == SIGTRAP) ptrace(PTRACE_SETOPTIONS, child, nullptr, kTraceOptions);
-      if (signal == SIGTRAP || signal == kCallStop) signal = 0;
-      ptrace(PTRACE_SYSCALL, child, nullptr, signal);
-    }
+  int status = 0;
+  while (waitpid(child, &status, waitForAccept ? WNOHANG : 0) == 0) {
+    nanosleep(&kPollInterval, nullptr);
+    if (!isAccepting(child)) continue;
+    waitForAccept = false;
+    print("accepting");
+    std::cout.flush();
   }
+  print("exit " + std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status)));
 }
 
 }  // namespace
@@ -117,7 +78,6 @@ int main(int count, char** words) {
       CPU_SET(cpu, &cpus);
       if (hasOption(static_cast<char>('0' + cpu))) sched_setaffinity(0, sizeof cpus, &cpus);
     }
-    if (hasOption('c')) ptrace(PTRACE_TRACEME);
     execvp(words[2], words + 2);
     _exit(127);
   }

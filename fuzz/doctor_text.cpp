@@ -82,32 +82,21 @@ class Filler {
 
   Facts facts() {
     Facts facts;
-    Device device = makeDevice();
-    facts.user = device.user;
-    facts.side = device.side;
-    if (flip()) facts.link = makeLink(device.side);
-    if (flip()) facts.directory = makeDirectory();
-    if (flip()) facts.processes = makeProcesses(device.side);
-    if (flip()) facts.firewall = makeFirewall();
-    if (flip()) facts.sshd = makeSshd();
-    if (flip()) facts.pairing = makePairing();
-    if (flip()) facts.login = makeLogin();
-    if (flip()) facts.peer = Peer{pick<PortState>(4), pick<PortState>(4)};
+    User user;
+    Side side;
+    fill(user);
+    fill(side);
+    facts.user = user;
+    facts.side = side;
+    // The directory is last, because it takes most of an input.
+    fillSome(facts.link, facts.processes, facts.firewall, facts.sshd, facts.pairing, facts.login, facts.peer,
+             facts.directory);
     return facts;
   }
 
  private:
-  struct Device {
-    User user;
-    Side side;
-  };
-
   bool flip() { return input.ConsumeBool(); }
-
-  template <typename Enum>
-  Enum pick(int last) {
-    return static_cast<Enum>(input.ConsumeIntegralInRange(0, last));
-  }
+  int number(int last) { return input.ConsumeIntegralInRange(0, last); }
 
   /// A text without NUL, with the mark half of the time.
   std::string text() {
@@ -116,195 +105,154 @@ class Filler {
     return flip() ? result + kMark : result;
   }
 
-  std::vector<std::string> texts() {
-    std::vector<std::string> result(pick<std::size_t>(2));
-    for (std::string& each : result) each = text();
-    return result;
+  std::string oneOf(const std::vector<std::string>& usual) {
+    return flip() ? text() : usual[static_cast<std::size_t>(number(static_cast<int>(usual.size()) - 1))];
   }
 
-  Outcome outcome() { return {pick<Outcome::End>(2), pick<int>(255), text(), text()}; }
-  Settings settings() { return Settings(join(texts(), " ") + "\n" + join(texts(), " ")); }
-  FaultyLine fault() { return {text(), pick<int>(9), text()}; }
-  Process process() { return {pick<int>(9), flip() ? "sshd" : text(), text(), flip(), flip()}; }
-
-  FileInfo file() {
-    FileInfo info;
-    info.path = "/home/" + text();
-    info.real = info.path;
-    info.type = pick<FileInfo::Type>(4);
-    info.error = text();
-    info.dangling = flip();
-    info.owner = pick<unsigned int>(1);
-    info.ownerName = text();
-    info.mode = pick<unsigned int>(07777);
-    info.flag = flip() ? 'i' : '\0';
-    info.readable = flip();
-    return info;
+  // `fill` gives a fact of any type a value. A struct is filled member by member.
+  template <typename First, typename Second, typename... More>
+  void fill(First& first, Second& second, More&... more) {
+    fill(first);
+    fill(second, more...);
   }
 
-  Device makeDevice() {
-    Device device;
-    User& user = device.user;
-    user.id = pick<unsigned int>(1);
-    user.name = text();
+  /// Gives each of the facts a value half of the time.
+  template <typename... Each>
+  void fillSome(Fact<Each>&... facts) {
+    const auto fillOne = [this](auto& fact) {
+      if (flip()) fill(fact.value.emplace());
+    };
+    (fillOne(facts), ...);
+  }
+
+  template <typename Each>
+  void fill(std::vector<Each>& all) {
+    all.resize(static_cast<std::size_t>(number(2)));
+    for (Each& each : all) fill(each);
+  }
+
+  void fill(bool& value) { value = flip(); }
+  void fill(std::string& value) { value = text(); }
+  void fill(Settings& value) { value = Settings(text() + "\n" + text() + " " + text()); }
+  void fill(FaultyLine& value) { value = {text(), number(9), text()}; }
+  void fill(Peer& value) { value = {static_cast<PortState>(number(4)), static_cast<PortState>(number(4))}; }
+  void fill(Outcome& value) { value = {static_cast<Outcome::End>(number(2)), number(255), text(), text()}; }
+  void fill(ConfigLine& value) { value = {text(), number(9), toLower(text()), text(), flip()}; }
+  void fill(KeyLine& value) { value = {number(9), text(), text()}; }
+  void fill(Rehearsal& value) { fill(value.accepted, value.offersPairingKey, value.words); }
+  void fill(Answers& value) { fill(value.own, value.peer); }
+
+  void fill(User& user) {
+    fill(user.name, user.shell, user.typedBy, user.rootHelps, user.hasSudo, user.shellWorks,
+         user.shellIsListed, user.startFiles, user.locked, user.expired, user.passwordOld, user.group);
+    user.id = static_cast<unsigned int>(number(1));
     user.home = "/home";
-    user.shell = text();
-    user.typedBy = flip() ? "" : text();
-    user.rootHelps = flip();
-    user.hasSudo = flip();
-    user.shellWorks = flip();
-    user.startFiles = texts();
-    user.locked = flip();
-    user.expired = flip();
-    user.passwordOld = flip();
-    user.group = text();
+  }
+
+  void fill(Side& side) {
     const bool client = flip();
-    const std::string ends[] = {"172.20.10.1", "172.20.10.2"};
-    Side& side = device.side;
+    fill(side.reason, side.isGuess);
     side.role = client ? Role::CLIENT : Role::SERVER;
-    side.reason = text();
-    side.isGuess = flip();
     side.program = client ? "dorve-client" : "dorve-server";
-    side.ownAddress = ends[client ? 1 : 0];
-    side.peerAddress = ends[client ? 0 : 1];
-    return device;
+    side.ownAddress = client ? "172.20.10.2" : "172.20.10.1";
+    side.peerAddress = client ? "172.20.10.1" : "172.20.10.2";
   }
 
-  Link makeLink(const Side& side) {
-    Link link;
-    link.interfaces.resize(pick<std::size_t>(2));
-    for (Interface& interface : link.interfaces) {
-      interface.name = flip() ? "bsab" : text();
-      interface.up = flip();
-      interface.carrier = flip();
-      interface.arp = flip();
-      interface.uplink = flip();
-      interface.mtu = pick<int>(1500);
-      interface.master = flip() ? "" : text();
-      if (flip()) interface.addresses.push_back({flip() ? side.ownAddress : side.peerAddress, pick<int>(32)});
-    }
-    Route route;
-    route.interface = flip() ? "bsab" : text();
-    route.gateway = flip() ? "" : text();
-    route.error = flip() ? "" : text();
-    route.table = pick<unsigned int>(254);
-    route.local = flip();
-    if (flip()) link.route = route;
-    if (flip()) link.answers = Answers{texts(), texts()};
-    link.neighbour = text();
-    link.neighbourIsFixed = flip();
-    return link;
+  void fill(Interface& interface) {
+    fill(interface.up, interface.carrier, interface.arp, interface.uplink, interface.ignoresArp);
+    interface.name = oneOf({"bsab"});
+    interface.master = oneOf({""});
+    interface.mtu = number(1500);
+    if (flip()) interface.addresses = {{flip() ? "172.20.10.1" : "172.20.10.2", number(32)}};
   }
 
-  Directory makeDirectory() {
-    Directory directory;
+  void fill(Route& route) {
+    fill(route.local);
+    route.interface = oneOf({"bsab"});
+    route.gateway = oneOf({""});
+    route.error = oneOf({""});
+    route.table = static_cast<unsigned int>(number(254));
+  }
+
+  void fill(Link& link) {
+    fill(link.interfaces, link.neighbour, link.neighbourIsFixed);
+    fillSome(link.route, link.answers);
+  }
+
+  void fill(FileInfo& file) {
+    fill(file.error, file.dangling, file.ownerName, file.groupIsPrivate, file.readable, file.writable);
+    file.path = file.real = "/home/" + text();
+    file.type = static_cast<FileInfo::Type>(number(4));
+    file.owner = static_cast<unsigned int>(number(1));
+    file.mode = static_cast<unsigned int>(number(07777));
+    file.flag = flip() ? 'i' : '\0';
+  }
+
+  void fill(Directory& directory) {
+    fill(directory.candidates, directory.ofHome, directory.isOfHome, directory.closed, directory.parents,
+         directory.authorizedKeys, directory.config, directory.privateKey, directory.publicKey,
+         directory.keysParents, directory.readOnly, directory.noFilesLeft);
     directory.path = flip() ? "" : "/home/" + text();
-    directory.candidates = {file()};
-    directory.ofHome = file();
-    directory.isOfHome = flip();
-    directory.closed = text();
     directory.canonicalHome = flip() ? "/home" : "";
-    if (flip()) directory.parents = {file(), file()};
-    directory.authorizedKeys = file();
-    directory.config = file();
-    directory.privateKey = file();
-    directory.publicKey = file();
-    if (flip()) directory.keysParents = {file()};
-    directory.readOnly = flip();
-    directory.bytesFree = pick<std::uint64_t>(99999);
-    return directory;
+    directory.bytesFree = static_cast<std::uint64_t>(number(99999));
   }
 
-  Processes makeProcesses(const Side& side) {
-    Processes processes;
-    for (int i = pick<int>(2); i > 0; --i) processes.programs.push_back(process());
-    for (int i = pick<int>(2); i > 0; --i) {
-      processes.listeners.push_back(
-          {static_cast<std::uint16_t>(flip() ? 22 : 8888), text(), flip(), flip(), {}});
-      if (flip()) processes.listeners.back().owner = process();
-    }
-    if (!processes.programs.empty() && flip()) processes.programs.front().name = side.program;
-    return processes;
+  void fill(Process& process) {
+    fill(process.program, process.stopped, process.ofRoot, process.runsSshd);
+    process.pid = number(9);
+    process.name = oneOf({"sshd", "dorve-client", "dorve-server"});
   }
 
-  Firewall makeFirewall() {
-    constexpr const char* kVerdicts[] = {"accept", "drop", "reject", "jump", "goto", "return", ""};
-    Firewall firewall(pick<std::size_t>(2));
+  void fill(Listener& listener) {
+    fill(listener.address, listener.coversOwn, listener.speaksSsh);
+    listener.port = flip() ? 22 : 8888;
+    if (flip()) fill(listener.owner.emplace());
+  }
+
+  void fill(Processes& processes) { fill(processes.programs, processes.misplaced, processes.listeners); }
+
+  void fill(Condition& condition) {
+    fill(condition.negated, condition.values);
+    condition.field = flip() ? "tcp dport" : "ip saddr";
+  }
+
+  void fill(Firewall& firewall) {
+    const std::vector<std::string> verdicts = {"accept", "drop", "reject", "jump", "goto", "return", ""};
+    firewall.resize(static_cast<std::size_t>(number(2)));
     std::string last;  // the kernel allows no loops, so a chain jumps only to the one before it
     for (Chain& chain : firewall) {
+      fill(chain.table, chain.name);
       chain.family = "inet";
-      chain.table = text();
-      chain.name = text();
       chain.hook = flip() ? "input" : "output";
       chain.policy = flip() ? "drop" : "accept";
-      for (int i = pick<int>(3); i > 0; --i) {
-        Rule rule;
-        rule.conditions = {{flip() ? "tcp dport" : "ip saddr", flip(), texts()}};
-        rule.verdict = kVerdicts[pick<int>(6)];
+      chain.rules.resize(static_cast<std::size_t>(number(3)));
+      for (Rule& rule : chain.rules) {
+        fill(rule.conditions.emplace_back());
+        rule.verdict = verdicts[static_cast<std::size_t>(number(6))];
         if (rule.verdict == "jump" || rule.verdict == "goto") rule.target = last;
-        chain.rules.push_back(rule);
       }
       last = chain.name;
     }
-    return firewall;
   }
 
-  Sshd makeSshd() {
-    Sshd sshd;
-    sshd.installed = flip();
-    sshd.systemd = flip();
-    sshd.arguments = text();
-    sshd.testArguments = texts();
+  void fill(Sshd& sshd) {
+    fill(sshd.installed, sshd.systemd, sshd.arguments, sshd.testArguments, sshd.fault, sshd.test,
+         sshd.settings, sshd.lines, sshd.changedSinceStart, sshd.loginsForbidden, sshd.readsAuthorizedKeys);
+    fillSome(sshd.rehearsal, sshd.log);
     sshd.configFile = "/etc/ssh/" + text();
-    sshd.fault = fault();
-    sshd.test = outcome();
-    sshd.settings = settings();
-    for (int i = pick<int>(2); i > 0; --i) sshd.lines.push_back({text(), i, toLower(text()), text(), flip()});
-    sshd.changedSinceStart = flip();
-    sshd.loginsForbidden = flip();
-    sshd.readsAuthorizedKeys = flip();
-    if (flip()) sshd.rehearsal = Rehearsal{flip(), flip(), texts()};
-    if (flip()) sshd.log = texts();
-    return sshd;
   }
 
-  Pairing makePairing() {
-    Pairing pairing;
-    pairing.exists = flip();
-    for (int i = pick<int>(2); i > 0; --i) pairing.lines.push_back({i, text(), text()});
-    pairing.hasHostLine = flip();
-    pairing.keygenPath = text();
-    pairing.sshPath = text();
-    pairing.keygen = outcome();
-    pairing.derived = outcome();
-    pairing.fingerprint = text();
-    pairing.keysMatch = flip();
-    pairing.keyIsNewer = flip();
-    pairing.ssh = outcome();
-    pairing.fault = fault();
-    pairing.settings = settings();
-    pairing.defaults = settings();
-    pairing.masterHangs = flip();
-    pairing.usesKey = flip();
-    pairing.otherUsers = texts();
-    return pairing;
+  void fill(Pairing& pairing) {
+    fill(pairing.exists, pairing.lines, pairing.hasHostLine, pairing.includesOurs, pairing.keygenPath,
+         pairing.sshPath, pairing.keygen, pairing.derived, pairing.fingerprint, pairing.keysMatch,
+         pairing.keyIsNewer, pairing.ssh, pairing.fault, pairing.settings, pairing.defaults,
+         pairing.masterHangs, pairing.usesKey, pairing.otherUsers);
   }
 
-  Login makeLogin() {
-    Login login;
-    login.tried = flip();
-    login.proven = flip();
-    login.user = text();
-    login.outcome = outcome();
-    login.words = texts();
-    login.accepted = flip();
-    login.worksWithoutConfig = flip();
-    login.otherUser = text();
-    login.backTried = flip();
-    login.backProven = flip();
-    login.backAccepted = flip();
-    login.backWords = texts();
-    return login;
+  void fill(Login& login) {
+    fill(login.tried, login.proven, login.user, login.outcome, login.words, login.accepted,
+         login.worksWithoutConfig, login.otherUser, login.backTried, login.backProven, login.backAccepted,
+         login.backWords);
   }
 
   FuzzedDataProvider& input;

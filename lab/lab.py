@@ -76,10 +76,15 @@ class Process:
     def running(self):
         return self.popen.poll() is None
 
-    def signal(self, number):
-        """Sends a signal to the program itself, not to the nsenter that waits for it."""
+    @property
+    def pid(self):
+        """The PID of the program itself, not of the nsenter that waits for it."""
         children = pathlib.Path(f"/proc/{self.popen.pid}/task/{self.popen.pid}/children").read_text().split()
-        os.kill(int(children[0]) if children else self.popen.pid, number)
+        return int(children[0]) if children else self.popen.pid
+
+    def signal(self, number):
+        """Sends a signal to the program itself."""
+        os.kill(self.pid, number)
 
     def kill(self):
         """Kills the program and returns its Outcome."""

@@ -34,7 +34,7 @@ embed_packages=(g++ cmake ninja-build libssl-dev pkgconf)
 # shellcheck disable=SC2034
 fault_packages=(strace time)
 # shellcheck disable=SC2034
-bench_packages=(libbenchmark-dev zlib1g-dev sshpass gnuplot-nox)
+bench_packages=(libbenchmark-dev zlib1g-dev sshpass gnuplot-nox strace)
 
 # If root uses another user's checkout, `owner` is the UID:GID of this user, and the prefix `as_owner` runs a command as
 # this user. Otherwise both are empty. The user has called sudo or su. In a container, the owner of the checkout may

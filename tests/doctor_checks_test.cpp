@@ -495,8 +495,8 @@ TEST(DoctorSshd, SaysWhyItRefuses) {
       {WITH(say(d, "ROOT LOGIN REFUSED")), "sshd: ROOT LOGIN REFUSED $ PermitRootLogin prohibit-password'"},
       {WITH(say(d, "revoked keys file")), "sshd: revoked keys file $ RevokedKeys /dev/null'"},
       {WITH(say(d, "revoked by file")), "sshd: revoked by file $ dorve-client"},
-      {WITH(say(d, "tcp wrapper")),
-       "sshd: tcp wrapper | hosts_access(5) keeps the other device out $ { grep -sqxF 'sshd: 1.0.0.1' "
+      {WITH(say(d, "a tcp wrapper")),
+       "sshd: a tcp wrapper | hosts_access(5) keeps the other device out $ { grep -sqxF 'sshd: 1.0.0.1' "
        "/etc/hosts.allow || { [ -s /etc/hosts.allow ] || echo >>/etc/hosts.allow; sed --follow-symlinks -i "
        "'1i "
        "sshd: 1.0.0.1' /etc/hosts.allow; }; }"},

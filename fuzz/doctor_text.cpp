@@ -94,6 +94,41 @@ class Filler {
     return facts;
   }
 
+  /// What the builder of commands makes of hostile facts, whether or not a check would ask for it.
+  std::vector<std::string> commands() {
+    User user;
+    Side side;
+    Directory directory;
+    Sshd sshd;
+    Fact<Processes> processes = Processes();
+    FileInfo some;
+    FaultyLine fault;
+    fill(user, side, directory, sshd, *processes.value, some, fault);
+    const Commands build(user, side, directory, sshd, processes);
+    FaultyLine known = fault;
+    if (!sshd.lines.empty()) known.file = sshd.lines.front().file;
+    return {build.pairAgain(),
+            build.doctorThere(text()),
+            build.changeMode(some, "600"),
+            build.takeOwnership(some),
+            build.removeFlag(some),
+            build.remount(some),
+            build.moveAway(some.path),
+            build.setForLogin("AllowGroups", text()),
+            build.setForAll("MaxStartups", "10"),
+            Commands::allowPackets({"ip", text(), text(), "input", "accept", {}}, "tcp dport 22"),
+            build.disableForSsh(fault),
+            build.disableForSshd(known),
+            build.disableKeyword(sshd.lines.empty() ? "port" : sshd.lines.front().keyword),
+            build.setForSsh("settings", {text()}),
+            build.splitKeyLine(3),
+            build.allowInHosts(),
+            build.makeHostKeys(),
+            build.showRefusal(),
+            build.startSshd(),
+            build.end(processes->programs)};
+  }
+
  private:
   bool flip() { return input.ConsumeBool(); }
   int number(int last) { return input.ConsumeIntegralInRange(0, last); }
@@ -294,6 +329,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string text(data, data + size);
   checkTextFunctions(text);
   checkReport({{Verdict::FAIL, "name", text, text, text}}, size % 100);
+  FuzzedDataProvider hostile(data, size);
+  for (const std::string& command : Filler(hostile).commands()) checkCommand(command, Filler::kMark);
   FuzzedDataProvider input(data, size);
   const std::vector<Finding> findings = judge(Filler(input).facts());
   checkReport(findings, 0);

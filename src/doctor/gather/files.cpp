@@ -136,7 +136,7 @@ std::vector<FileInfo> inspectUpTo(const std::string& path, const std::string& to
 std::string findProgram(const std::string& name) {
   const char* path = std::getenv("PATH");
   for (const std::string& folder : split(path == nullptr ? "" : path, ":")) {
-    const FileInfo program = inspect(folder + "/" + name);
+    const FileInfo program = inspect(std::filesystem::path(folder) / name);
     if (program.type == FileInfo::Type::FILE && (program.mode & 0111U) != 0) return program.path;
   }
   return "";

@@ -239,7 +239,7 @@ class Lab:
         for name, init in self._inits.items():
             eventually(lambda: init.out.endswith("\n") or not init.running, 20)
             if not init.out:
-                raise Unavailable(_explain(init.err or f"the {name} was not ready within 20 s"))
+                raise _failure(init.err or f"the {name} was not ready within 20 s")
             yield Host(name, addresses[name], int(init.out))
 
     def _join(self):
@@ -250,7 +250,7 @@ class Lab:
         link = subprocess.run(["ip", "link", "add", *ends[0], "type", "veth", "peer", "name", *ends[1]],
                               capture_output=True, text=True, env=ENVIRONMENT)
         if link.returncode != 0:
-            raise Unavailable(_explain(link.stderr))
+            raise _failure(link.stderr)
         for host in self.hosts:
             host.check(f"ip link set lo up && ip address add {host.address}/30 dev bsab && ip link set bsab up")
         for host in self.hosts:
@@ -289,17 +289,18 @@ def eventually(condition, seconds=10):
     return value
 
 
-def _explain(output):
-    """Why a host cannot be made: the missing right if there is one, otherwise the first line of `output`."""
+def _failure(output):
+    """The exception for a host that could not be made. It names the missing right if there is one. Otherwise, it gives
+    the first line of `output`, and is no reason to skip a test."""
     trial = subprocess.run([*IN_NAMESPACES, "sh", "-c", "mount -t proc proc /proc && ip link set lo up"],
                            capture_output=True, text=True, env=ENVIRONMENT)
     if trial.returncode == 0:
-        return output.partition("\n")[0]
+        return RuntimeError(output.partition("\n")[0])
     reason = trial.stderr.partition("\n")[0]
     needed = "root with CAP_SYS_ADMIN and CAP_NET_ADMIN; a container needs --privileged"
-    if "propagation" in trial.stderr:
+    if "propagation" in reason:
         needed = "a mount point as /; for a chroot: mount --bind ROOT ROOT"
-    return f"cannot make a host ({reason}). This needs {needed}"
+    return Unavailable(f"cannot make a host ({reason}). This needs {needed}")
 
 
 def _enter(network):

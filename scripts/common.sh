@@ -10,31 +10,24 @@ checkout=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
 script=$(cd "$(dirname "$0")" && pwd -P)/${0##*/}
 script_arguments=("$@")
 
-# Most presets also build the tests, so they need the test libraries.
-# shellcheck disable=SC2034 # used by the scripts that source this
-build_packages=(g++ cmake ninja-build libssl-dev nlohmann-json3-dev libgtest-dev python3-pytest)
-# shellcheck disable=SC2034
-clang_packages=(clang)
-# shellcheck disable=SC2034
-deb_packages=(build-essential architecture-properties debhelper cmake libssl-dev nlohmann-json3-dev)
-# shellcheck disable=SC2034
-cross_packages=(mmdebstrap)
-# shellcheck disable=SC2034
-deb_test_packages=(lintian reprotest faketime piuparts mmdebstrap systemd-container qemu-user-static)
-# shellcheck disable=SC2034
-fuzz_packages=(clang libclang-rt-dev llvm)
-# shellcheck disable=SC2034
-lab_packages=(iproute2 mount util-linux openssh-server openssh-client)
-# shellcheck disable=SC2034 # the package tshark depends on the one that has dumpcap
-wire_packages=(tshark)
-# shellcheck disable=SC2034
-test_packages=(strace nftables e2fsprogs sudo)
-# shellcheck disable=SC2034
-embed_packages=(g++ cmake ninja-build libssl-dev pkgconf)
-# shellcheck disable=SC2034
-fault_packages=(strace time)
-# shellcheck disable=SC2034
-bench_packages=(libbenchmark-dev zlib1g-dev sshpass gnuplot-nox strace)
+# The packages that the scripts need, by purpose. Most presets also build the tests, so `build` has their libraries.
+# Debian's tshark depends on the package that has dumpcap.
+declare -A package_lists=(
+  [python]='python3'
+  [build]='g++ cmake ninja-build libssl-dev nlohmann-json3-dev libgtest-dev python3-pytest'
+  [clang]='clang'
+  [lint]='clang-format clang-tidy cppcheck shellcheck pyflakes3 pycodestyle mandoc'
+  [deb]='build-essential architecture-properties debhelper cmake libssl-dev nlohmann-json3-dev'
+  [root]='mmdebstrap'
+  [deb_test]='lintian reprotest faketime piuparts mmdebstrap systemd-container qemu-user-static'
+  [fuzz]='clang libclang-rt-dev llvm'
+  [lab]='iproute2 mount util-linux openssh-server openssh-client'
+  [wire]='tshark'
+  [test]='strace nftables e2fsprogs sudo'
+  [embed]='g++ cmake ninja-build libssl-dev pkgconf'
+  [fault]='strace time'
+  [bench]='libbenchmark-dev zlib1g-dev sshpass gnuplot-nox strace'
+)
 
 # If root uses another user's checkout, `owner` is the UID:GID of this user, and the prefix `as_owner` runs a command as
 # this user. Otherwise both are empty. The user has called sudo or su. In a container, the owner of the checkout may
@@ -78,19 +71,8 @@ header() {
 
 # Prints how to call the script, and exits with status 2.
 usage() {
-  local line
-  line=$(header | head -n 1)
-  printf 'usage: %s\n' "${line%%: *}" >&2
+  header | sed 's/:.*//; s/^/usage: /; q' >&2
   exit 2
-}
-
-# Prints how to call the script and what it does.
-explain() {
-  local text
-  text=$(header)
-  printf 'usage: %s\n\n' "${text%%: *}"
-  text=${text#*: }
-  fmt --width=100 <<<"${text^}"
 }
 
 # read_arguments OPTIONS MOST ARGUMENT...: reads the script's ARGUMENTs. OPTIONS lists its long options as in getopt(1).
@@ -107,7 +89,7 @@ read_arguments() {
   while [[ $1 != -- ]]; do
     case $1 in
       -h | --help)
-        explain
+        header
         exit
         ;;
     esac
@@ -195,16 +177,18 @@ allow_services() {
   fi
 }
 
-# install_missing PACKAGE...: installs the missing ones of these packages. No other function installs packages.
+# install_missing LIST...: installs the packages of these lists that are missing. No other function installs packages.
 # If sshd is already installed, its service stays as it is. A package list that cannot be downloaded matters only if the
 # installation then fails.
 install_missing() {
-  local package missing=() had_sshd='' lists stale='' output failed='' policy_pipe policy_remover
-  for package in "$@"; do
-    # dpkg-query prints a line for each architecture of the package.
-    if ! dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed; then
-      missing+=("$package")
-    fi
+  local list package missing=() had_sshd='' lists stale='' output failed='' policy_pipe policy_remover
+  for list in "$@"; do
+    for package in ${package_lists[$list]}; do
+      # dpkg-query prints a line for each architecture of the package.
+      if ! dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed; then
+        missing+=("$package")
+      fi
+    done
   done
   if ((${#missing[@]} == 0)); then
     return

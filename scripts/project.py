@@ -42,8 +42,8 @@ def become_root():
 
 
 def install(*lists):
-    """Installs the missing packages of lists in scripts/common.sh, such as "lab" for lab_packages."""
-    _common("install_missing " + " ".join(f'"${{{name}_packages[@]}}"' for name in lists))
+    """Installs the missing packages of lists in scripts/common.sh, such as "lab"."""
+    _common(shlex.join(["install_missing", *lists]))
 
 
 def build(preset, *targets):

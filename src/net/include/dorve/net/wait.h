@@ -13,7 +13,7 @@ constexpr int kNoTimeoutMs = -1;
 /// Waits until `descriptor` is readable, or `stop` is. Also returns if one of them fails or its peer closes
 /// it, so that the caller's next call on `descriptor` reports the failure. If both are ready, returns
 /// STOPPED. Reads nothing. `stop` can be -1, for none. A signal does not end the wait. Throws
-/// NqSocketException "Wait failed" if the system lacks memory.
+/// NqSocketException "Wait failed" if `descriptor` is negative or the system lacks memory.
 Wake awaitReadable(int descriptor, int stop, int timeoutMs);
 
 }  // namespace dorve

@@ -3,6 +3,7 @@
 // The files may hold any text, and the disk may be full.
 #include "dorve/keys/ssh_files.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <sstream>
 
@@ -21,8 +22,10 @@ const std::vector<std::string> dorve::kSeeds = {
     "key\\\nssh-rsa B me@laptop\n# 172.20.10.10\n\n\r\n172.20.10.1 ssh-ed25519 C "
     "base_slice_exchange\nend\xFF\1c",
     "\\\n172.20.10.1 C\n172.20.10.10 D base_slice_exchange\nssh-rsa B\n\xFF\xF0y",
-    "\\\n172.20.10.1 C\nno end\1\1a", "\\\n# Host 172.20.10.1\nHost x\xFF\1b",
-    "\\\n\n\nHost 172.20.10.3\n  User y\n\4\xF0z"};
+    "\\\n172.20.10.1 C\nno end\1\1a",
+    "\\\n# Host 172.20.10.1\nHost x\xFF\1b",
+    "\\\n\n\nHost 172.20.10.3\n  User y\n\4\xF0z",
+    "\\\nHOST 172.20.10.1\nIdentityFile base_slice_exchange\n\xFF\1b"};
 
 /// The largest number of bytes that a write can store. The first larger write stores only this many bytes
 /// and removes the limit, so that the edit can restore the file.
@@ -101,7 +104,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::optional<std::string> left = readFileText(path);
   check(left == unpaired || (limited && left == expected), "a full disk leaves the old or the new text");
   freeBytes = kUnlimited;
-  check(removeRemnants(kSshDir, kName, {kHost}).empty() == (left == unpaired), "a removed line stays away");
+  // A changed block is found by each call, and stays.
+  const std::vector<Remnant> found = removeRemnants(kSshDir, kName, {kHost});
+  const bool hasRemoved = std::ranges::any_of(found, [](const Remnant& it) { return it.obstacle.empty(); });
+  check(hasRemoved == (left != unpaired), "a line is removed once");
   check(readFileText(path) == unpaired, "a removal leaves all other bytes as they were");
   return 0;
 }

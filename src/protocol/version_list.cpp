@@ -16,19 +16,18 @@ std::string_view trim(std::string_view item) {
 
 }  // namespace
 
-std::vector<std::string_view> splitList(std::string_view list) {
-  std::vector<std::string_view> items;
-  while (!list.empty()) {
-    const auto comma = std::min(list.find(','), list.size());
-    items.push_back(trim(list.substr(0, comma)));
-    list.remove_prefix(std::min(comma + 1, list.size()));
-  }
-  return items;
+std::string_view takeItem(std::string_view& list) {
+  const auto comma = std::min(list.find(','), list.size());
+  const std::string_view item = trim(list.substr(0, comma));
+  list.remove_prefix(std::min(comma + 1, list.size()));
+  return item;
 }
 
 bool listContains(std::string_view list, std::string_view version) {
-  const auto items = splitList(list);
-  return std::ranges::find(items, version) != items.end();
+  while (!list.empty()) {
+    if (takeItem(list) == version) return true;
+  }
+  return false;
 }
 
 }  // namespace dorve

@@ -62,7 +62,8 @@ bool VersionTable::versionInList(std::string_view version, std::string_view list
 
 std::string VersionTable::findCommonVersion(std::string_view clientList) const {
   std::string_view best;
-  for (const std::string_view item : splitList(clientList)) {
+  while (!clientList.empty()) {
+    const std::string_view item = takeItem(clientList);
     if (versionInList(item, supported()) && (best.empty() || compareVersions(item, best) == 1)) best = item;
   }
   return std::string(best);

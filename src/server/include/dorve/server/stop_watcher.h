@@ -3,7 +3,6 @@
 #define DORVE_SERVER_STOP_WATCHER_H_
 
 #include <chrono>
-#include <optional>
 
 namespace dorve {
 
@@ -36,7 +35,8 @@ class StopWatcher {
   const int stop;
   bool finishing = false;
   bool ended = false;
-  std::optional<Clock::time_point> finishBy;  ///< set when a stop is first seen while `finishing`
+  bool stopped = false;
+  Clock::time_point finishBy;  ///< valid after the stop
 };
 
 }  // namespace dorve

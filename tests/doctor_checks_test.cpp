@@ -455,7 +455,7 @@ TEST(DoctorFirewall, MatchesPacketsByTheirFields) {
              "saddr = 0.255.255.255-1.0.0.1;ip saddr = 1.0.0.1-1.1.0.0;ip daddr = 1.0.0.2;ct state = new;ct "
              "state = established;nfproto = ipv4;l4proto = tcp;protocol = ip;ip protocol = tcp; = x");
   expectFate("ok: ",
-             "iifname = e*,bsa,a-c;iif! = bsab;oifname = bsab;tcp dport = 1-21,23-9999;ip saddr = "
+             "iifname = e*,bsa,a-c;iif! = bsab;oifname = bsab;oif = bsab;tcp dport = 1-21,23-9999;ip saddr = "
              "1.0.0.2/31;ip saddr = 1.0.0.2-1.0.0.9;ip daddr = 1.0.0.1;ct state = invalid;udp dport! = 1;ip6 "
              "saddr! = 1;icmpv6 type! = 1;ether type! = 1");
   expectFate("warn: ", "mark! = 1");
@@ -572,7 +572,8 @@ TEST(DoctorSshd, ListensOnTheLink) {
   Check{"sshd", paired}.finds({
       {WITH(d.listener().owner.reset()), "ok: a process of another user listens on port 22"},
       {WITH(d.listener().owner->stopped = true), "sshd (process 700) is stopped $ kill -CONT 700"},
-      {WITH(hold(d, "nc")), "port 22 is held by nc (process 9)"},
+      {WITH(hold(d, "nc"), d.listener().owner->ofRoot = true), "port 22 is held by nc (process 9)"},
+      {WITH(hold(d, "sshd")), "port 22 is held by sshd (process 9)"},
       {WITH(hold(d, "other"), d.listener().speaksSsh = true), "ok: other listens on port 22"},
       {WITH(move(d, 2222), d.listener().coversOwn = true), "sshd listens on port 2222, not on 22"},
       {WITH(move(d, 22), setLines(d, "listenaddress", false)),
@@ -670,6 +671,18 @@ TEST(DoctorLogin, FailsForAReasonThatSshSays) {
       {WITH(d.login.words = {"a", "b"}, d.login.outcome.end = Outcome::End::TIMED_OUT),
        "ssh timed out: a; b $ dorve-doctor --timeout 10"},
   });
+  for (const char* words :
+       {"Host key verification failed.", "No ED25519 host key is known for 1.0.0.1 and you have requested",
+        "Received disconnect from 1.0.0.1 port 22:2: Too many authentication failures",
+        "Unable to negotiate with 1.0.0.1 port 22: no matching cipher found.",
+        "Connection to 1.0.0.1 port 22 lost during banner exchange",
+        "ssh: connect to host 1.0.0.1 port 22: Connection refused", "Connection closed by 1.0.0.1 port 22",
+        "kex_exchange_identification: read: Connection reset by peer",
+        "ssh: connect to host 1.0.0.1 port 22: Connection timed out"}) {
+    for (const Finding& finding : judged({refused, [=](Device& d) { d.login.words = {words}; }})) {
+      EXPECT_TRUE(finding.name != "login" || (finding.found == words && !finding.cause.empty())) << words;
+    }
+  }
 }
 
 TEST(DoctorLogin, FromTheOtherDeviceIsTriedOrExplained) {
@@ -696,6 +709,8 @@ TEST(DoctorLogin, FromTheOtherDeviceIsTriedOrExplained) {
       {WITH(d.login.backTried = false),
        "skip: not tried, because this device cannot log in there; sshd on this device accepts the key in "
        "authorized_keys"},
+      {WITH(d.login.backTried = false, d.sshd.rehearsal = Rehearsal{false, true, {}}),
+       "skip: not tried, because this device cannot log in there"},
       {WITH(d.login.backTried = false, d.login.proven = true),
        "skip: not tried; sshd on this device accepts the key in authorized_keys"},
   });

@@ -15,6 +15,13 @@ HEX_ROW = re.compile(r"([0-9a-f]{4})  (.{48})(?:\s*(\d+) (\w+))?.*")
 VARYING = re.compile("checksum|timestamp|_id|_key|_token|_us")
 TYPES = [str(number) for number in range(10)]
 
+# For each of the dissector's marks, what is wrong with a message that has only this mark.
+MARKS = {
+    "bad_magic": {"magic": 0x444F5257}, "bad_version": {"version": 0x0101}, "bad_type": {"type": 10},
+    "bad_length": {"length": 8193}, "bad_checksum": {"checksum": 1}, "short": {"size": 480}, "long": {"size": 492},
+    "unterminated": {"client_version": "x" * 32}, "not_zero": {"header_reserved": 1},
+}
+
 
 class Example:
     """An annotated pairing, from docs/ or from scripts/record-example."""
@@ -51,6 +58,18 @@ def documentation(name):
 DOCUMENTED = Example(documentation("protocol.md") + documentation("example-pairing.txt"))
 
 
+def example(capture, *options):
+    return subprocess.run([CHECKOUT / "scripts/record-example", capture, *options],
+                          check=True, stdout=subprocess.PIPE, text=True).stdout
+
+
+def show(capture, wanted, *fields):
+    """A row for each frame that the filter `wanted` lets through, with the values of the fields."""
+    columns = [word for field in fields for word in ("-e", field)]
+    lines = example(capture, "-Y", f"dorve && {wanted}", "-T", "fields", *columns).splitlines()
+    return [line.split("\t") for line in lines]
+
+
 def test_the_tables_hold_what_the_example_shows():
     for message in DOCUMENTED.messages:
         wire.read(message)
@@ -58,32 +77,26 @@ def test_the_tables_hold_what_the_example_shows():
     assert [(int(offset), int(size), name) for offset, size, name in rows] == DOCUMENTED.fields
 
 
-def test_a_pairing_is_dissected_as_documented(lab, build, tmp_path):
+@pytest.fixture
+def capture(tmp_path):
     if not shutil.which("tshark"):
         pytest.skip("tshark is not installed")
-    capture = tmp_path / "capture"
+    return tmp_path / "capture"
 
-    def example(*options):
-        return subprocess.run([CHECKOUT / "scripts/record-example", capture, *options],
-                              check=True, stdout=subprocess.PIPE, text=True).stdout
 
-    def show(wanted, *fields):
-        columns = [word for field in fields for word in ("-e", field)]
-        lines = example("-Y", f"dorve && {wanted}", "-T", "fields", *columns).splitlines()
-        return [line.split("\t") for line in lines]
-
+def test_a_pairing_is_dissected_as_documented(lab, build, capture):
     for host in lab.hosts:
         host.check("ip link set bsab gso_max_segs 1")  # the link splits what does not fit in a packet
     with lab.client.capture(capture):
         lab.pair(build)
-    live = Example(example())
+    live = Example(example(capture))
     assert live.constant == DOCUMENTED.constant
 
     strange = ("dorve.timestamp > frame.time || dorve.completed_at_us > frame.time || "
                "dorve.token_expiry_us < frame.time || dorve.response_time > frame.time_relative || "
                "_ws.expert.severity >= 4194304")  # a note, or worse
     frames, kinds, pieces, good, response_in, response_to = zip(*show(
-        f"!({strange})", "frame.number", "dorve.type", "tcp.segment.count", "dorve.checksum.status",
+        capture, f"!({strange})", "frame.number", "dorve.type", "tcp.segment.count", "dorve.checksum.status",
         "dorve.response_in", "dorve.response_to"))
     assert list(kinds) == TYPES
     assert [kind for kind, count in zip(kinds, pieces) if count] == ["2", "3"]
@@ -91,8 +104,11 @@ def test_a_pairing_is_dissected_as_documented(lab, build, tmp_path):
     assert response_in[::2] == frames[1::2] and response_to[1::2] == frames[::2]
     assert not any(response_in[1::2] + response_to[::2])
 
-    damaged = bytearray(capture.read_bytes())
-    for number, message in enumerate(live.messages):
-        damaged[damaged.index(message[:wire.HEADER.size]) + 23 * number] ^= 1
-    capture.write_bytes(damaged)
-    assert show("dorve.bad_checksum", "dorve.type") == [[kind] for kind in TYPES]
+
+def test_a_bad_message_has_its_mark(lab, capture):
+    with lab.client.capture(capture), lab.server.listen() as listener:
+        for wrong in MARKS.values():
+            with lab.client.connect(lab.server.address) as connection, listener.accept()[0]:
+                connection.sendall(wire.build("VersionQuery", request_id="a", **wrong))
+    rows = show(capture, "tcp", *(f"dorve.{mark}" for mark in MARKS))
+    assert [[mark for mark, text in zip(MARKS, row) if text] for row in rows] == [[mark] for mark in MARKS]

@@ -289,6 +289,7 @@ TEST(DoctorPeer, IsOnTheLinkAndAnswers) {
   });
   Check{"peer-8888", unpaired}.finds({{paired, "skip: no dorve-server waits on 1.0.0.1 $ dorve-server"},
                                       {WITH(d.peer.dorve = SILENT), "port 8888 of 1.0.0.1 does not answer"},
+                                      {WITH(d.peer.dorve = OPEN), "ok: port 8888 of 1.0.0.1 is open"},
                                       {server, ""}});
 }
 
@@ -310,6 +311,8 @@ TEST(DoctorDirectory, IsThatOfTheHomeDirectory) {
        "/h/.ssh: Permission denied | root may not enter /h; root must permit it"},
       {WITH(lose(d, Type::DIRECTORY)), "none: /h/.ssh (a file) $ export HOME=/h"},
       {WITH(move(d, "/s")), "/s, not /h/.ssh (a file) $ export HOME=/h"},
+      {WITH(move(d, "/s"), d.dir.ofHome.type = Type::MISSING),
+       "/s, not /h/.ssh (missing) $ mkdir -m 700 /h/.ssh"},
       {WITH(move(d, "/a b")), "/a b contains a blank or a special character $ export HOME=/h"},
       {WITH(move(d, "/a$b"), d.dir.ofHome.path = "/a$b"), "/a$b contains a blank or a special character $ "},
   });
@@ -504,7 +507,7 @@ TEST(DoctorSshd, SaysWhyItRefuses) {
        "sshd: No supported key exchange algorithms $ sed --follow-symlinks -i '4{/^$/s/^/#/}' '/d e'"},
       {WITH(say(d, "Unable to negotiate: no key exchange"), setLines(d, "kexalgorithms", false)),
        "sshd: Unable to negotiate: no key exchange $ sed --follow-symlinks -i '4{/^$/s/^/#/}' '/d e'"},
-      {WITH(say(d, "another reason")), "sshd: another reason $ "},
+      {WITH(say(d, "another\nreason")), "sshd: another; reason $ "},
       {WITH(say(d, "")), "sshd does not accept the key in authorized_keys"},
       {WITH(say(d, "", false)), "ok: its settings let root log in with a key"},
       {WITH(say(d, "maximum authentication attempts", false)), "ok: its settings let root log in with a key"},
@@ -575,7 +578,8 @@ TEST(DoctorSshd, ListensOnTheLink) {
       {WITH(hold(d, "nc"), d.listener().owner->ofRoot = true), "port 22 is held by nc (process 9)"},
       {WITH(hold(d, "sshd")), "port 22 is held by sshd (process 9)"},
       {WITH(hold(d, "other"), d.listener().speaksSsh = true), "ok: other listens on port 22"},
-      {WITH(move(d, 2222), d.listener().coversOwn = true), "sshd listens on port 2222, not on 22"},
+      {WITH(move(d, 2222), d.listener().coversOwn = true),
+       "sshd listens on port 2222, not on 22 $ printf '%s\\n' 'Port 22'"},
       {WITH(move(d, 22), setLines(d, "listenaddress", false)),
        "sshd listens on other addresses than 1.0.0.2 $ printf '%s\\n' 'ListenAddress 1.0.0.2:22'"},
       {WITH(move(d, 22), setLines(d, "addressfamily", false), setSshd(d, "addressfamily inet6")),

@@ -312,7 +312,7 @@ TEST(DoctorDirectory, IsThatOfTheHomeDirectory) {
       {WITH(lose(d, Type::DIRECTORY)), "none: /h/.ssh (a file) $ export HOME=/h"},
       {WITH(move(d, "/s")), "/s, not /h/.ssh (a file) $ export HOME=/h"},
       {WITH(move(d, "/s"), d.dir.ofHome.type = Type::MISSING),
-       "/s, not /h/.ssh (missing) $ mkdir -m 700 /h/.ssh"},
+       "/s, not /h/.ssh (a file) $ mkdir -m 700 /h/.ssh"},
       {WITH(move(d, "/a b")), "/a b contains a blank or a special character $ export HOME=/h"},
       {WITH(move(d, "/a$b"), d.dir.ofHome.path = "/a$b"), "/a$b contains a blank or a special character $ "},
   });

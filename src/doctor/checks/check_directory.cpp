@@ -35,6 +35,14 @@ std::string skippedCandidates(const Directory& directory) {
   return join(parts, ", ");
 }
 
+/// Makes `own`, the .ssh of the home directory. What has its name but is no directory becomes .ssh.old.
+std::string makeDirectory(const FileInfo& own, const Commands& commands) {
+  const std::string path = quoted(own.path);
+  const bool isFree = own.type == FileInfo::Type::MISSING && !own.dangling;
+  const std::string move = isFree ? "" : "mv -nT " + path + " " + quoted(own.path + ".old") + " && ";
+  return commands.asUser(move + "mkdir -m 700 " + path);
+}
+
 Finding missingDirectory(const User& user, const Side& side, const Directory& directory,
                          const Commands& commands) {
   const std::string found = "none: " + skippedCandidates(directory);
@@ -52,13 +60,8 @@ Finding missingDirectory(const User& user, const Side& side, const Directory& di
     return {Verdict::FAIL, "ssh-dir", found,
             user.name + " has no home directory: " + user.home + " is missing"};
   }
-  const std::string make = "mkdir -m 700 " + quoted(path);
-  if (directory.ofHome.type != FileInfo::Type::MISSING || directory.ofHome.dangling) {
-    return {Verdict::FAIL, "ssh-dir", found, side.program + " does not create this directory",
-            commands.asUser("mv -nT " + quoted(path) + " " + quoted(path + ".old") + " && " + make)};
-  }
   return {Verdict::FAIL, "ssh-dir", found, side.program + " does not create this directory",
-          commands.asUser(make)};
+          makeDirectory(directory.ofHome, commands)};
 }
 
 Finding judgePath(const User& user, const Directory& directory, const Commands& commands) {
@@ -78,9 +81,8 @@ Finding judgePath(const User& user, const Directory& directory, const Commands& 
   }
   if (directory.isOfHome) return {Verdict::OK, "ssh-dir", found};
   return {Verdict::FAIL, "ssh-dir", found, "ssh and sshd use " + own + " for " + user.name,
-          directory.ofHome.type == FileInfo::Type::DIRECTORY
-              ? commands.useHome()
-              : commands.asUser("mkdir -m 700 " + quoted(own))};
+          directory.ofHome.type == FileInfo::Type::DIRECTORY ? commands.useHome()
+                                                             : makeDirectory(directory.ofHome, commands)};
 }
 
 /// The first of these files whose owner or mode sshd rejects.

@@ -116,6 +116,11 @@ TEST(DoctorCommands, ChangeNothingOutsideTheHome) {
       "&& chattr -i ./config)\nmount -o remount,rw \"$(findmnt -n -o TARGET -T /h/.ssh/config)\"");
   file.owner = 1000;
   EXPECT_EQ(d.commands.changeMode(file, "600"), "runuser -u robo -- chmod 600 /h/.ssh/config");
+  file.hasOtherNames = true;
+  EXPECT_EQ(d.commands.takeOwnership(file) + d.commands.removeFlag(file), "") << "a hard link to any file";
+  file.real = "/h/!x";
+  EXPECT_EQ(d.commands.remount(file), "") << "a word of the shell's history";
+  file.hasOtherNames = false;
   for (const char* real : {"/hh/x", "/etc/passwd", "/"}) {
     file.real = real;
     EXPECT_EQ(all(), "") << real;

@@ -104,7 +104,8 @@ std::optional<Finding> judgeModes(const char* name, const std::vector<FileInfo>&
     }
     if (finding.command.empty()) {
       finding.cause +=
-          "; it is outside the home directory: fix it by hand, or move the SSH files into the home";
+          "; it is outside the home directory, or a hard link: fix it by hand, or move the SSH files into "
+          "the home";
     }
     return finding;
   }

@@ -74,6 +74,8 @@ bool Commands::isInHome(const std::string& path) const {
 std::string Commands::asRootAt(const FileInfo& file, const std::string& change) const {
   if (!isInHome(file.real) || !isPlainName(user.name)) return "";
   if (user.isRoot()) return asRoot(change + " " + quoted(file.real));
+  // By another name, it may be a file of the system that the user linked into the home.
+  if (file.hasOtherNames) return "";
   // The user could put a link in the place of a directory before root runs the command.
   const std::size_t slash = file.real.rfind('/');
   const std::string folder = quoted(file.real.substr(0, slash));
@@ -95,7 +97,8 @@ std::string Commands::removeFlag(const FileInfo& file) const {
 }
 
 std::string Commands::remount(const FileInfo& file) const {
-  if (!isInHome(file.real)) return "";
+  // An interactive shell expands ! even inside these quotes.
+  if (!isInHome(file.real) || contains(file.real, "!")) return "";
   return asRoot("mount -o remount,rw \"$(findmnt -n -o TARGET -T " + quoted(file.real) + ")\"");
 }
 

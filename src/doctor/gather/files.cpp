@@ -107,6 +107,7 @@ FileInfo inspect(const std::string& path) {
   info.ownerName = owner == nullptr ? std::to_string(status.st_uid) : owner->pw_name;
   info.mode = status.st_mode & 07777U;
   info.groupIsPrivate = (status.st_mode & S_IWGRP) != 0 && isPrivateGroup(status);
+  info.hasOtherNames = info.type == FileInfo::Type::FILE && status.st_nlink > 1;
   if (info.type != FileInfo::Type::OTHER) {
     info.flag = chattrFlag(path, info.type == FileInfo::Type::DIRECTORY);
   }

@@ -50,6 +50,7 @@ struct FileInfo {
   std::string ownerName;
   unsigned int mode = 0;
   bool groupIsPrivate = false;  ///< its owner is the only member of its group
+  bool hasOtherNames = false;   ///< it is a file with hard links, perhaps outside this directory
   char flag = '\0';             ///< 'i' or 'a' if chattr(1) made it immutable or append-only
   bool readable = false;        ///< by the user
   bool writable = false;        ///< by the user

@@ -62,7 +62,7 @@ void DorveServer::prepareTokens() {
 }
 
 void DorveServer::reportException(const NqSocketException& failure) {
-  [[maybe_unused]] const char* dropped = failure.what();
+  static_cast<void>(failure.what());
   std::cerr << "Exception" << std::endl;
 }
 

@@ -15,12 +15,12 @@ std::string withPrefix(const Interface::Address& address) {
   return address.text + "/" + std::to_string(address.prefix);
 }
 
-/// Removes an address from an interface, whatever its prefix. What is not there makes it no error.
+/// Removes an address from an interface, whatever its prefix. An address that is not there is no error.
 std::string removeAddress(const std::string& address, const std::string& interface) {
   return "ip address flush dev " + quoted(interface) + " to " + address + "/32";
 }
 
-/// The address of an interface as it is set there; only its text is sure to be there.
+/// An address with its prefix; without a prefix if the interface does not have it.
 std::string heldBy(const Interface& interface, const std::string& address) {
   const auto own =
       std::ranges::find_if(interface.addresses, [&](const auto& each) { return each.text == address; });

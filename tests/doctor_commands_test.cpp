@@ -261,20 +261,21 @@ TEST(DoctorText, IsSpelledRight) {
   // The names that the texts hold besides English words.
   const std::string names =
       " AAAA ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz ARP AddressFamily AllowGroups AllowUsers "
-      "AuthenticationMethods AuthorizedKeysFile BindInterface ChrootDirectory ControlPath DenyGroups "
-      "DenyUsers Dpkg ExitOnForwardFailure ForceCommand HUP HostKey HostKeyAlgorithms IPv IdentityFile "
-      "KexAlgorithms KiB ListenAddress LoginGraceTime MACs MTU MaxAuthTries MaxSessions MaxStartups "
-      "PerSourceMaxStartups PermitRootLogin PubkeyAcceptedAlgorithms PubkeyAuthentication RevokedKeys "
-      "addressfamily ageing arp arp_ignore authorized_keys authorizedkeysfile bashrc bindaddress "
-      "bindinterface blackhole cd chage chattr chmod chown conf config confmiss controlpath daddr del dev "
-      "dir dorve dport dynamicforward ef exe exitonforwardfailure expiredate hostkey hostkeys hosts_access "
-      "icmp iif iifname inet ip ipv keygen lastday listenaddress localforward maxdays mkdir mtu mv nT "
-      "neighbour nfproto nft nologin nomaster oif oifname ok openssh pairing's preferredauthentications "
-      "prerouting printf proc proto publickey qF remoteforward runuser rw saddr sbin sed sqxF src ssh's "
-      "ssh_config ssh_host_ ssh_host_ed sshd sshd's sshrc strictmodes su sudo symlinks sysctl systemctl tcp "
-      "udp uid usepam useradd usermod usr xBB xBF xEF ";
-  const std::string texts = "cd " + quoted(DORVE_DOCTOR_SOURCES) +
-                            " && cat checks/*.cpp report/*.cpp | grep -v '^#' | grep -o '\"[^\"]*\"' | ";
+      "AuthenticationMethods AuthorizedKeysFile BindInterface ChrootDirectory ControlPath DORVE "
+      "DenyGroups DenyUsers Dpkg ExitOnForwardFailure ForceCommand HUP HostKey HostKeyAlgorithms IPv "
+      "IdentityFile JSON KexAlgorithms KiB ListenAddress LoginGraceTime MACs MTU MaxAuthTries MaxSessions "
+      "MaxStartups PerSourceMaxStartups PermitRootLogin PubkeyAcceptedAlgorithms PubkeyAuthentication "
+      "RevokedKeys addressfamily ageing arp arp_ignore authorized_keys authorizedkeysfile bashrc "
+      "bindaddress bindinterface blackhole cd chage chattr chmod chown conf config confmiss controlpath "
+      "daddr del dev dir dorve dport dynamicforward ef exe exitonforwardfailure expiredate hostkey "
+      "hostkeys hosts_access icmp iif iifname inet ip ipv json keygen lastday listenaddress localforward "
+      "maxdays mkdir mtu mv nT neighbour nfproto nft nologin nomaster oif oifname ok openssh pairing's "
+      "preferredauthentications prerouting printf proc proto publickey qF remoteforward runuser rw saddr "
+      "sbin sed sqxF src ssh's ssh_config ssh_host_ ssh_host_ed sshd sshd's sshrc strictmodes su sudo "
+      "symlinks sysctl systemctl tcp udp uid unpair usepam useradd usermod usr xBB xBF xEF ";
+  const std::string texts =
+      "cd " + quoted(DORVE_DOCTOR_SOURCES) +
+      " && cat checks/*.cpp report/*.cpp main.cpp ../*/main.cpp | grep -v '^#' | grep -o '\"[^\"]*\"' | ";
   const std::string words =
       run(texts + "aspell list --lang=en_US | sort -u") + run(texts + "grep -oE '[a-z]+_[a-z_]+' | sort -u");
   std::string unknown;

@@ -73,7 +73,7 @@ TEST(Unpair, ChangedBlocksStayWithTheirNumbersAndForeignOnesAreNotNamed) {
       {"\n" + kBlock + "    User c\n\n# end\n", "!2-7"},
       {"\n" + kBlock + "\n# c\nInclude other\n", "!2-9"},
       {replaced(kBlock, "    IdentitiesOnly", "    # why\n    IdentitiesOnly"), "!1-6"},
-      {replaced(kBlock, "Host 10.0.0.1", "Host 10.0.0.1 other"), "!1-5"},
+      {replaced(kBlock, "Host 10.0.0.1", "Host\t10.0.0.1 other"), "!1-5"},
       {replaced(kBlock, "Host 10.0.0.1", "Host peer"), "!1-5"},
       {replaced(kBlock, "/s/", "/t/"), "!1-5"},
       {"User a\n" + crlf + "Host b\n", "!2-6"},

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Benchmarks of checksums, messages, requests, the response cache and the edit of a file.
+// Benchmarks of requests and of the edit of a file.
 // docs/performance.md describes them, and says why this program should run on one CPU.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -8,7 +8,6 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <atomic>
 #include <chrono>
@@ -32,39 +31,6 @@ constexpr const char* kServerDirectory = "server";
 
 std::string requestId(std::size_t number) {
   return "REQ-base-1-" + std::to_string(number);
-}
-
-std::uint32_t zlibCrc32(const void* data, std::size_t size) {
-  return static_cast<std::uint32_t>(crc32_z(0, static_cast<const Bytef*>(data), size));
-}
-
-void crc32(State& state, std::uint32_t (*calculate)(const void*, std::size_t)) {
-  const std::string bytes(static_cast<std::size_t>(state.range(0)), 'x');
-  for (auto _ : state) benchmark::DoNotOptimize(calculate(bytes.data(), bytes.size()));
-}
-BENCHMARK_CAPTURE(crc32, dorve, &MessageSerializer::calculateCrc32)->RangeMultiplier(2)->Range(64, 8192);
-BENCHMARK_CAPTURE(crc32, zlib, &zlibCrc32)->RangeMultiplier(2)->Range(64, 8192);
-
-template <typename Record>
-void sealRecord(State& state) {
-  auto record = makeRecord<Record>(requestId(0));
-  for (auto _ : state) {
-    seal(record);
-    benchmark::DoNotOptimize(record);
-    MessageSerializer::decodeHeader(&record);
-  }
-}
-
-template <typename Record>
-void checkRecord(State& state) {
-  auto record = makeRecord<Record>(requestId(0));
-  MessageSerializer::setChecksum(&record, sizeof record);
-  for (auto _ : state) {
-    MessageSerializer::encodeHeader(&record);
-    benchmark::DoNotOptimize(record);
-    MessageSerializer::decodeHeader(&record);
-    if (!MessageSerializer::validateChecksum(&record, sizeof record)) state.SkipWithError("bad checksum");
-  }
 }
 
 /// Handles requests with the server's loop until `done`. `processRequest` returns after each confirmation.
@@ -128,10 +94,6 @@ bool addPhase(const std::string& name) {
   const auto add = [&name](const std::string& operation, auto function, auto... arguments) {
     benchmark::RegisterBenchmark((operation + '/' + name).c_str(), function, arguments...)->UseRealTime();
   };
-  add("seal-request", sealRecord<Request>);
-  add("check-request", checkRecord<Request>);
-  add("seal-response", sealRecord<Response>);
-  add("check-response", checkRecord<Response>);
   add("echo", roundTrips<Request, Response>, echo<Request, Response>, 1);
   add("request", roundTrips<Request, Response>, serve, 2 * kCacheEntries);
   add("repeated", roundTrips<Request, Response>, serve, 1);
@@ -142,18 +104,6 @@ const bool added[] = {addPhase<VersionQuery, VersionResponse>("version"),
                       addPhase<VerifyKeysRequest, VerifyKeysResponse>("verify"),
                       addPhase<InstallKeysRequest, InstallKeysResponse>("install"),
                       addPhase<ConfirmInstallRequest, ConfirmInstallResponse>("confirm")};
-
-/// Looks up the id that was stored last in a full cache, or an id that is not there.
-void cache(State& state, bool hit) {
-  const auto responses = std::make_unique<ResponseCache>();
-  for (std::uint32_t i = 0; i < kCacheEntries; ++i) responses->store(requestId(i), "", 1);
-  const std::string id = requestId(hit ? kCacheEntries - 1 : kCacheEntries);
-  for (auto _ : state) {
-    if ((responses->lookup(id) != nullptr) != hit) state.SkipWithError("wrong result");
-  }
-}
-BENCHMARK_CAPTURE(cache, hit, true);
-BENCHMARK_CAPTURE(cache, miss, false);
 
 /// Makes a file of keys, unless it exists, and returns its path. Each line has about 100 bytes.
 /// An old pairing key is in the middle.

@@ -26,7 +26,7 @@ declare -A package_lists=(
   [test]='strace nftables e2fsprogs sudo aspell aspell-en'
   [embed]='g++ cmake ninja-build libssl-dev pkgconf'
   [fault]='strace time'
-  [bench]='libbenchmark-dev zlib1g-dev sshpass gnuplot-nox strace'
+  [bench]='libbenchmark-dev sshpass strace'
 )
 
 # If root uses another user's checkout, `owner` is the UID:GID of this user, and the prefix `as_owner` runs a command as

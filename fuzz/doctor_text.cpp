@@ -169,7 +169,7 @@ class Filler {
   void fill(bool& value) { value = flip(); }
   void fill(std::string& value) { value = text(); }
   void fill(Settings& value) { value = Settings(text() + "\n" + text() + " " + text()); }
-  void fill(FaultyLine& value) { value = {text(), number(9), text()}; }
+  void fill(FaultyLine& value) { value = {text(), number(9), text(), flip()}; }
   void fill(Peer& value) { value = {static_cast<PortState>(number(4)), static_cast<PortState>(number(4))}; }
   void fill(Outcome& value) { value = {static_cast<Outcome::End>(number(2)), number(255), text(), text()}; }
   void fill(ConfigLine& value) { value = {text(), number(9), toLower(text()), text(), flip()}; }
@@ -233,7 +233,7 @@ class Filler {
   }
 
   void fill(Process& process) {
-    fill(process.program, process.stopped, process.ofRoot, process.runsSshd);
+    fill(process.program, process.stopped, process.ofRoot, process.isSession, process.runsSshd);
     process.pid = number(9);
     process.name = oneOf({"sshd", "dorve-client", "dorve-server"});
   }

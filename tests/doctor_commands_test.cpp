@@ -185,7 +185,7 @@ TEST(DoctorCommands, DisableNoLineThatBeginsABlock) {
   d.user.id = 1000;
   EXPECT_EQ(d.commands.disableForSshd({"/c", 1, "\xEF\xBB\xBFHost"}),
             "sed --follow-symlinks -i '1s/^\\xef\\xbb\\xbf//' /c");
-  EXPECT_EQ(d.commands.disableForSsh({"/etc/ssh/ssh_config", 7, "x"}),
+  EXPECT_EQ(d.commands.disableForSsh({"/etc/ssh/ssh_config", 7, "x", true}),
             "sed --follow-symlinks -i '7{/^x$/s/^/#/}' /etc/ssh/ssh_config");
   d.user.name = "robo";
   EXPECT_EQ(d.commands.disableForSsh({"/etc/shadow", 7, "x"}),

@@ -48,6 +48,7 @@ TEST(Version, IsReadAsNumbers) {
     EXPECT_EQ(table.getFeaturesForVersion(text), 15) << text;
   for (auto text : {"1.0", "2.2", "2", "dorve/2.1", "DORVE/DORVE/2.1"})
     EXPECT_EQ(table.getFeaturesForVersion(text), 0) << text;
+  EXPECT_EQ(table.parseVersion("2").major, 0) << "a version without a dot has no numbers";
   EXPECT_EQ(table.getFeaturesForVersion("1.1"), 1);
   EXPECT_EQ(table.getFeaturesForVersion("2."), 3);
 }

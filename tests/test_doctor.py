@@ -130,6 +130,9 @@ MISTAKES = [
     Mistake("sshd listens for IPv6 only", BETWEEN, "server", sshd("ListenAddress ::"),
             "FAIL  sshd          sshd listens on other addresses than 172.20.10.1"),
 
+    Mistake("sshd does not run, but a session listens", AFTER, "client",
+            "ssh -f 172.20.10.1 'ssh -R 9000:127.0.0.1:9 172.20.10.2 sleep 60' >/dev/null 2>&1; "
+            f"{listening(9000)}; {STOP_SSHD}", "FAIL  sshd          nothing listens on port 22 of 172.20.10.2"),
     Mistake("sshd was started with arguments", BETWEEN, "server",
             f"chmod 777 .; (echo DenyUsers root; cat {SSHD_CONFIG}) >/etc/ssh/other; "
             f"{start_sshd('-f /etc/ssh/other -o StrictModes=no')}",
@@ -144,7 +147,8 @@ MISTAKES = [
             "warn  sshd-config   its files changed after sshd started"),
     Mistake("sshd has a log", AFTER, "server", f"{start_sshd('-E /run/sshd.log')}; cd .ssh; "
             "ssh-keygen -q -t ed25519 -N '' -C base_slice_exchange -f new; mv new.pub authorized_keys; "
-            "echo Connection closed by authenticating user root 172.20.10.2 port 1 [preauth] >>/run/sshd.log",
+            "echo Connection closed by authenticating user root 172.20.10.2 port 1 [preauth] >>/run/sshd.log; "
+            "echo Disconnected from user root 172.20.10.2 port 1 >>/run/sshd.log",
             "skip  sshd-log      sshd's log about the last refused login: "
             "Connection closed by authenticating user root 172.20.10.2 port 1"),
 
@@ -372,6 +376,19 @@ def test_names_an_ordinary_users_mistake(lab, build, root_command, command, line
     fix = next(each[11:] for each in lines[lines.index(line):] if each.startswith("      fix  "))
     outcome = lab.server.run([*AS_USER, f"{command}; {fix}; {fix}; dorve-doctor --timeout 1"])
     assert line not in outcome.out.splitlines(), (fix, outcome)
+
+
+@pytest.mark.parametrize("file, line, rights", [
+    ("/etc/ssh/ssh_config", "Bogus yes", ""),
+    (".ssh/config", 'Match exec "echo /etc/ssh/ssh_config line 1: >&2"\nBogus yes', "runuser -u me -- "),
+])
+def test_root_edits_no_file_that_only_the_user_names(lab, build, file, line, rights):
+    add_user(lab.client, build)
+    lab.client.check(f"cd /home/me; echo 'ssh-ed25519 AAAA base_slice_exchange' >.ssh/authorized_keys; "
+                     f"echo '{line}' >{file}; chown me: .ssh/*")
+    lines = lab.client.run([*AS_ROOT, "dorve-doctor --user me client"]).out.splitlines()
+    failed = next(number for number, each in enumerate(lines) if each.startswith("FAIL  ssh-config"))
+    assert re.match(rf"      fix  {rights}(sh -c '|)sed --follow-symlinks", lines[failed + 2]), lines
 
 
 # What breaks, and a line that the doctor then prints.

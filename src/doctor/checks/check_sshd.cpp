@@ -66,7 +66,7 @@ Finding judgeHolder(const Listener& listener, const Known& known) {
             known.commands.resume(owner),
             Serves::LOGIN_HERE};
   }
-  const bool isSshd = owner.isSshd() || (owner.ofRoot && owner.name == "sshd");
+  const bool isSshd = owner.isSshd() || (owner.ofRoot && owner.name == "sshd" && !owner.isSession);
   if (isSshd || listener.speaksSsh) return {Verdict::OK, "sshd", owner.name + " listens on port 22"};
   const std::string end = known.commands.end({owner});
   return {Verdict::FAIL,

@@ -153,11 +153,9 @@ std::string Commands::setForAll(const std::string& keyword, const std::string& v
 }
 
 std::string Commands::disableForSsh(const FaultyLine& line) const {
-  // The user's configuration can make ssh name any file, so root edits only ssh's own.
-  const bool isSystems =
-      line.file == "/etc/ssh/ssh_config" || line.file.starts_with("/etc/ssh/ssh_config.d/");
+  // The user's configuration can make ssh print any words, so root edits only what ssh rejects without it.
   const std::string script = disableScript(line);
-  return script.empty() ? "" : isSystems ? asRoot(script) : asUser(script);
+  return script.empty() ? "" : line.isSystems ? asRoot(script) : asUser(script);
 }
 
 std::string Commands::disableForSshd(const FaultyLine& line) const {

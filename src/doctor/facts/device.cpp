@@ -15,7 +15,7 @@ std::string Interface::state() const {
 }
 
 bool Process::isSshd() const {
-  return ofRoot && name == "sshd" && (program.empty() || runsSshd);
+  return ofRoot && name == "sshd" && !isSession && (program.empty() || runsSshd);
 }
 
 const Process* Processes::sshd() const {

@@ -86,6 +86,7 @@ class Gatherer {
     publish(&Facts::firewall, gatherFirewall(deadline));
     publish(&Facts::sshd, Fact<Sshd>(gatherSshd(user, side, directory, facts.processes, deadline)));
     others = pairedUsers(user);
+    systemFault = findSystemFault(side, deadline);
     return user.id == geteuid() || becomeUser(user);
   }
 
@@ -94,7 +95,7 @@ class Gatherer {
     const Side& side = *facts.side;
     const Directory directory = gatherDirectory(user);
     publish(&Facts::directory, Fact<Directory>(directory));
-    Pairing pairing = gatherPairing(user, side, directory, deadline);
+    Pairing pairing = gatherPairing(user, side, directory, systemFault, deadline);
     pairing.otherUsers = others;
     publish(&Facts::pairing, Fact<Pairing>(pairing));
     const Interface* interface = usableLink(facts);
@@ -122,6 +123,7 @@ class Gatherer {
   std::shared_ptr<Board> board;
   Facts facts;  ///< the same as on the board
   std::vector<std::string> others;
+  FaultyLine systemFault;
 };
 
 }  // namespace

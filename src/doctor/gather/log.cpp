@@ -52,6 +52,13 @@ std::string wordsOf(const std::string& line) {
   return words;
 }
 
+/// Whether a line says that a session ended. After a refusal, sshd writes "Disconnected from authenticating
+/// user".
+bool endsSession(const std::string& words) {
+  constexpr const char* kEnds[] = {"Disconnected from user ", "Received disconnect from ", "Close session"};
+  return std::ranges::any_of(kEnds, [&](const char* start) { return words.starts_with(start); });
+}
+
 }  // namespace
 
 Fact<std::vector<std::string>> lastRefusal(const Side& side, const Sshd& sshd, const Deadline& deadline) {
@@ -60,7 +67,7 @@ Fact<std::vector<std::string>> lastRefusal(const Side& side, const Sshd& sshd, c
   std::string writer;  // of the last connection from the other device
   bool wasAccepted = false;
   for (const std::string& line : *log) {
-    if (!contains(line + " ", side.peerAddress + " ")) continue;
+    if (!contains(line + " ", side.peerAddress + " ") || endsSession(wordsOf(line))) continue;
     writer = writerOf(line);
     wasAccepted = contains(line, "Accepted publickey");
   }

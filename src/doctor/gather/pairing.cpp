@@ -65,8 +65,13 @@ bool usesKey(const std::vector<std::string>& files, const std::string& key, cons
 
 }  // namespace
 
+FaultyLine findSystemFault(const Side& side, const Deadline& deadline) {
+  return faultIn(runCommand({"ssh", "-F", "/etc/ssh/ssh_config", "-G", "--", side.peerAddress},
+                            deadline.leftMs(kCommandMs)));
+}
+
 Pairing gatherPairing(const User& user, const Side& side, const Directory& directory,
-                      const Deadline& deadline) {
+                      const FaultyLine& systemFault, const Deadline& deadline) {
   const auto ask = [&](const std::vector<std::string>& words) {
     return runCommand(words, deadline.leftMs(kCommandMs));
   };
@@ -77,6 +82,8 @@ Pairing gatherPairing(const User& user, const Side& side, const Directory& direc
   pairing.ssh = ask({"ssh", "-G", "--", side.peerAddress});
   pairing.settings = Settings(pairing.ssh.out);
   pairing.fault = faultIn(pairing.ssh);
+  pairing.fault.isSystems =
+      pairing.fault.file == systemFault.file && pairing.fault.number == systemFault.number;
   const std::string master = pairing.settings.first("controlpath");
   if (master.starts_with('/') && inspect(master).type == FileInfo::Type::OTHER) {
     pairing.masterHangs =

@@ -87,6 +87,11 @@ Process readProcess(const std::filesystem::path& folder) {
   // An upgrade appends the word to the path. A layer that was mounted over /usr later has another file there.
   process.runsSshd = std::filesystem::equivalent(folder / "exe", "/usr/sbin/sshd", error) ||
                      process.program == "/usr/sbin/sshd" || process.program == "/usr/sbin/sshd (deleted)";
+  // Once sshd listens, it calls itself "sshd: PATH ARGUMENTS [listener] ...", and a session "sshd:
+  // USER@notty".
+  std::string title;
+  std::getline(std::ifstream(folder / "cmdline"), title, '\0');
+  process.isSession = title.starts_with("sshd: ") && !contains(title, " [listener]");
   struct stat status = {};
   process.ofRoot = ::stat(folder.c_str(), &status) == 0 && status.st_uid == 0;
   return process;

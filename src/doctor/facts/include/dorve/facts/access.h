@@ -17,6 +17,7 @@ struct FaultyLine {
   std::string file;
   int number = 0;
   std::string text;
+  bool isSystems = false;  ///< ssh rejects it without the user's configuration too
 };
 
 /// The place that a message of ssh or sshd names as "FILE: line N:" or "FILE line N:". The text stays empty.

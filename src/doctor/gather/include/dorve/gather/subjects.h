@@ -69,9 +69,12 @@ Fact<Rehearsal> rehearse(const User& user, const Side& side, const std::string& 
 /// What sshd's log says about its last refusal of the other device. No value if there is no log.
 Fact<std::vector<std::string>> lastRefusal(const Side& side, const Sshd& sshd, const Deadline& deadline);
 
+/// The line that ssh rejects in the system's configuration. Asked before this process becomes the user.
+FaultyLine findSystemFault(const Side& side, const Deadline& deadline);
+
 /// The keys, the entries and ssh's configuration.
 Pairing gatherPairing(const User& user, const Side& side, const Directory& directory,
-                      const Deadline& deadline);
+                      const FaultyLine& systemFault, const Deadline& deadline);
 
 /// Tries to log in to the other device over the interface of the link, and from there back.
 Login gatherLogin(const User& user, const Side& side, const Directory& directory, const Pairing& pairing,

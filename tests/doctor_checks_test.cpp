@@ -508,6 +508,7 @@ TEST(DoctorSshd, SaysWhyItRefuses) {
       {WITH(say(d, "Unable to negotiate: no key exchange"), setLines(d, "kexalgorithms", false)),
        "sshd: Unable to negotiate: no key exchange $ sed --follow-symlinks -i '4{/^$/s/^/#/}' '/d e'"},
       {WITH(say(d, "another\nreason")), "sshd: another; reason $ "},
+      {WITH(say(d, "required=a tcp wrapper")), "sshd: required=a tcp wrapper $ "},
       {WITH(say(d, "")), "sshd does not accept the key in authorized_keys"},
       {WITH(say(d, "", false)), "ok: its settings let root log in with a key"},
       {WITH(say(d, "maximum authentication attempts", false)), "ok: its settings let root log in with a key"},

@@ -62,7 +62,7 @@ Value option(const NqSocket& socket, int name) {
 }
 
 TEST_F(Socket, FailureNamesItsCallAndTheReason) {
-  NqSocket none;
+  NqSocket none(false);
   EXPECT_EQ(failure([] { NqSocket(-1); }).find("Invalid file descriptor provided: "), 0u);
   EXPECT_EQ(failure([&] { none.listen(1); }), "Listen failed: Bad file descriptor");
   EXPECT_EQ(failure([&] { bound.accept(); }), "Accept failed: Invalid argument");

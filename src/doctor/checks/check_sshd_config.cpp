@@ -100,39 +100,45 @@ std::string commandFor(const Reason& reason, const Known& known) {
                              : known.commands.setForLogin(reason.keyword, replaced(reason.value, known.user));
 }
 
+/// The setting whose algorithms ssh and sshd could not agree on.
+std::string disputedKeyword(const std::string& words) {
+  if (contains(words, "host key")) return "HostKeyAlgorithms";
+  if (contains(words, "key exchange")) return "KexAlgorithms";
+  return contains(words, "MAC") ? "MACs" : "Ciphers";
+}
+
 /// What sshd said while the doctor acted out a login, in the words of sshd, if they are known ones.
 std::optional<Finding> judgeRehearsal(const Known& known) {
   if (!known.sshd.rehearsal) return std::nullopt;
   const Rehearsal& rehearsal = *known.sshd.rehearsal;
   for (const std::string& line : rehearsal.words) {
+    // What follows this word is the option from="..." of authorized_keys, so the user wrote it.
+    const std::string words = line.substr(0, line.find("required="));
     for (const Reason& reason : kReasons) {
       // A key that nobody owns uses up attempts.
       const bool isOwnFault =
-          !rehearsal.offersPairingKey && contains(line, "maximum authentication attempts");
-      if (!contains(line, reason.words) || isOwnFault) continue;
+          !rehearsal.offersPairingKey && contains(words, "maximum authentication attempts");
+      if (!contains(words, reason.words) || isOwnFault) continue;
       Finding finding = configFinding("sshd: " + line, reason.cause, commandFor(reason, known));
       if (finding.command.empty())
         finding.cause = "no command changes this for one user: edit sshd's configuration";
       return finding;
     }
-    if (contains(line, "No supported key exchange algorithms")) {
+    if (contains(words, "No supported key exchange algorithms")) {
       return configFinding(
           "sshd: " + line,
           "HostKeyAlgorithms fits none of the host keys; the command makes sshd use its defaults",
           known.commands.disableKeyword("HostKeyAlgorithms"));
     }
-    if (contains(line, "revoked by file")) {
+    if (contains(words, "revoked by file")) {
       return configFinding("sshd: " + line, "a new pairing makes a new key", known.commands.pairAgain());
     }
-    if (contains(line, "tcp wrapper")) {
+    if (contains(words, "tcp wrapper")) {
       return configFinding("sshd: " + line, "hosts_access(5) keeps the other device out",
                            known.commands.allowInHosts());
     }
     if (line.starts_with("Unable to negotiate")) {
-      const std::string keyword = contains(line, "host key")       ? "HostKeyAlgorithms"
-                                  : contains(line, "key exchange") ? "KexAlgorithms"
-                                  : contains(line, "MAC")          ? "MACs"
-                                                                   : "Ciphers";
+      const std::string keyword = disputedKeyword(words);
       return configFinding(
           "sshd: " + line,
           keyword + " leaves nothing that ssh knows; the command makes sshd use its defaults",

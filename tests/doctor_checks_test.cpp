@@ -434,6 +434,14 @@ TEST(DoctorFirewall, IsFollowedAsTheKernelDoes) {
   EXPECT_EQ(fate({go}, target({kDrop})), "");
   EXPECT_EQ(fate({perhapsJump, kDrop}, target({})), "");
   EXPECT_EQ(fate({perhapsJump, kDrop}, target({kAccept})), "warn: ");
+  const auto manyJumps = [](Device& d) {
+    for (char from = 'a'; from <= 'z'; ++from) {
+      const Rule toNext = {{}, false, "jump", std::string(1, static_cast<char>(from + 1))};
+      d.firewall.push_back({"ip", "f", {from}, "", "", std::vector<Rule>(30, toNext)});
+    }
+  };
+  EXPECT_EQ(fate({{{}, false, "jump", "a"}}, manyJumps), "warn: ")
+      << "would take years if followed each time";
   EXPECT_EQ(fate({kDrop}, WITH(d.firewall[0].hook = "prerouting")), "");
   EXPECT_EQ(fate({kDrop}, WITH(d.firewall[0].hook = "ingress")), "");
   EXPECT_EQ(fate({kDrop}, WITH(d.firewall[0].hook = "forward")), "ok: ");

@@ -433,14 +433,18 @@ def test_opens_nothing_for_writing(sshd_lab, build):
 
 def test_sends_nothing_elsewhere_when_the_link_has_failed(sshd_lab, build):
     client = sshd_lab.client
-    client.check(f"{LAN}; ip address add 10.9.9.1/24 dev lan; ip route add default via 10.9.9.2")
+    client.check(f"{LAN}; ip address add 10.9.9.1/24 dev lan; ip route add default via 10.9.9.2; "
+                 "echo nameserver 10.9.9.2 >/run/resolv; mount --bind /run/resolv /etc/resolv.conf")
     for paired in False, True:
         if paired:
             pair(sshd_lab, build)
         for fails, works in (("ip link set bsab down", "ip link set bsab up"),
-                             ("ip address flush dev bsab", "ip address add 172.20.10.2/30 dev bsab")):
+                             ("ip address flush dev bsab", "ip address add 172.20.10.2/30 dev bsab"),
+                             ("ip link set bsab down; ip link set bsab name x; ip address add 172.20.10.2/28 dev lan",
+                              "ip address del 172.20.10.2/28 dev lan; ip link set x name bsab; ip link set bsab up"),
+                             (CONFIG_BLOCK.format("HostName partner.example"), "true")):
             client.check(fails)
-            assert client.run([build / "dorve-doctor", "client"]).status == 1
+            assert client.run([build / "dorve-doctor", "client"]).status == (paired or "HostName" not in fails)
             assert client.check("cat /sys/class/net/lan/statistics/tx_packets") == "0\n", fails
             client.check(works)
 

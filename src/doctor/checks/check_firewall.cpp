@@ -12,8 +12,6 @@ namespace {
 
 using Packet = std::map<std::string, std::string>;
 
-constexpr int kMaxJumps = 6;  // deeper rules are unknown, so that the time stays bounded
-
 enum class Fate : std::uint8_t {
   ACCEPTED,
   DROPPED,
@@ -80,32 +78,40 @@ Match matches(const Rule& rule, const Packet& packet) {
   return all;
 }
 
-Fate follow(const Firewall& firewall, const Chain& chain, const Packet& packet, int depth);
+/// What becomes of a packet in the chains to which rules jump, by the names of the chains.
+using Fates = std::map<std::string, Fate>;
 
+Fate follow(const Firewall& firewall, const Chain& chain, const Packet& packet, Fates& fates);
+
+/// Follows each chain once, because many jumps would otherwise take very long. In a circle of jumps, the fate
+/// stays unknown.
 Fate followTo(const Firewall& firewall, const Chain& from, const std::string& target, const Packet& packet,
-              int depth) {
+              Fates& fates) {
+  const auto [known, isNew] = fates.emplace(target, Fate::UNKNOWN);
+  if (!isNew) return known->second;
   const auto chain = std::ranges::find_if(firewall, [&](const Chain& each) {
     return each.family == from.family && each.table == from.table && each.name == target;
   });
-  if (chain == firewall.end() || depth == kMaxJumps) return Fate::UNKNOWN;
-  return follow(firewall, *chain, packet, depth + 1);
+  if (chain == firewall.end()) return Fate::UNKNOWN;
+  return fates[target] = follow(firewall, *chain, packet, fates);
 }
 
-Fate fateOf(const Firewall& firewall, const Chain& chain, const Rule& rule, const Packet& packet, int depth) {
-  if (!rule.target.empty()) return followTo(firewall, chain, rule.target, packet, depth);
+Fate fateOf(const Firewall& firewall, const Chain& chain, const Rule& rule, const Packet& packet,
+            Fates& fates) {
+  if (!rule.target.empty()) return followTo(firewall, chain, rule.target, packet, fates);
   if (rule.verdict == "accept") return Fate::ACCEPTED;
   return rule.verdict == "return" ? Fate::RETURNED : Fate::DROPPED;
 }
 
 /// What becomes of a packet in a chain, without its policy.
-Fate follow(const Firewall& firewall, const Chain& chain, const Packet& packet, int depth) {
+Fate follow(const Firewall& firewall, const Chain& chain, const Packet& packet, Fates& fates) {
   bool mayAccept = false;
   bool mayDrop = false;
   bool mayReturn = false;
   for (const Rule& rule : chain.rules) {
     const Match match = matches(rule, packet);
     if (match == Match::NO || rule.verdict.empty()) continue;
-    const Fate fate = fateOf(firewall, chain, rule, packet, depth);
+    const Fate fate = fateOf(firewall, chain, rule, packet, fates);
     if (fate == Fate::RETURNED && rule.verdict == "jump") continue;
     const bool isDoubtful =
         match == Match::UNKNOWN || fate == Fate::UNKNOWN || fate == Fate::PERHAPS_ACCEPTED;
@@ -189,7 +195,8 @@ Findings checkFirewall(const Firewall& firewall, const Known& known) {
     for (const Chain& chain : firewall) {
       const bool early = (chain.hook == "prerouting" || chain.hook == "ingress") && need.hook == "input";
       if ((chain.hook != need.hook && !early) || chain.family == "ip6" || chain.family == "arp") continue;
-      const Fate fate = follow(firewall, chain, need.packet, 0);
+      Fates fates;
+      const Fate fate = follow(firewall, chain, need.packet, fates);
       const bool policyDrops = chain.policy == "drop";
       const bool dropped = fate == Fate::DROPPED || (fate == Fate::RETURNED && policyDrops);
       const bool doubtful = fate == Fate::UNKNOWN || (fate == Fate::PERHAPS_ACCEPTED && policyDrops);

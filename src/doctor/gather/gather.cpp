@@ -43,7 +43,8 @@ const Interface* usableLink(const Facts& facts) {
   const Link& link = *facts.link;
   const Side& side = *facts.side;
   const Interface* interface = linkOf(link, side);
-  if (side.isGuess || interface == nullptr || !interface->carrier || !interface->has(side.ownAddress)) {
+  if (side.isGuess || !mayBeAsked(interface, side) || !interface->carrier ||
+      !interface->has(side.ownAddress)) {
     return nullptr;
   }
   const bool routed = link.route && !link.route->local && link.route->interface == interface->name;

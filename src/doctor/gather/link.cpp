@@ -191,12 +191,16 @@ Side findSide(const std::vector<Interface>& interfaces, const Directory& directo
   return guess;
 }
 
+bool mayBeAsked(const Interface* interface, const Side& side) {
+  return interface != nullptr && (side.role == Role::SERVER || interface->name == kLinkInterface);
+}
+
 Link gatherLink(std::vector<Interface> interfaces, const Side& side, const Deadline& deadline) {
   Link link;
   link.interfaces = std::move(interfaces);
   link.route = lookUpRoute(side.peerAddress);
   const Interface* interface = linkOf(link, side);
-  if (interface != nullptr && interface->up && interface->arp) {
+  if (mayBeAsked(interface, side) && interface->up && interface->arp) {
     link.answers = askForAddresses(interface->name, side, deadline.leftMs(std::min(kArpMs, side.timeoutMs)));
   } else {
     link.answers = Fact<Answers>::unknown("no interface to ask on");

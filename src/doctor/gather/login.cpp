@@ -93,16 +93,22 @@ std::string likelyUser(const std::string& tried, const User& user) {
   return name;
 }
 
-std::vector<std::string> hostKeyOptions(const Settings& settings) {
+/// What the login needs besides the user's configuration, so that ssh neither asks nor leaves before the end.
+std::vector<std::string> ownOptions(const Settings& settings) {
+  std::vector<std::string> options;
+  if (settings.first("forkafterauthentication") == "yes") options = {"-o", "ForkAfterAuthentication=no"};
   const std::string checking = settings.first("stricthostkeychecking");
   const bool checks =
       checking != "no" && checking != "false" && checking != "off" && checking != "accept-new";
-  if (checks) return {"-o", "StrictHostKeyChecking=yes"};
-  return {"-o", "StrictHostKeyChecking=no", "-o", "UserKnownHostsFile=/dev/null"};
+  options.insert(options.end(), {"-o", checks ? "StrictHostKeyChecking=yes" : "StrictHostKeyChecking=no"});
+  if (!checks) options.insert(options.end(), {"-o", "UserKnownHostsFile=/dev/null"});
+  return options;
 }
 
-/// The setting that makes ssh connect by a proxy; empty if there is none.
-std::string proxyOf(const Settings& settings) {
+/// The setting that makes ssh connect elsewhere or by a proxy; empty if there is none.
+std::string detourOf(const Settings& settings, const Side& side) {
+  const std::string host = settings.first("hostname");
+  if (host != side.peerAddress) return "hostname " + host;
   for (const char* name : {"proxyjump", "proxycommand"}) {
     const std::string value = settings.first(name);
     if (!value.empty() && value != "none") return std::string(name) + " " + value;
@@ -130,12 +136,12 @@ Login gatherLogin(const User& user, const Side& side, const Directory& directory
   login.tried = true;
   login.user = pairing.settings.first("user");
   Attempt first;
-  const std::string proxy = proxyOf(pairing.settings);
-  if (proxy.empty()) {
-    first = attempt(hostKeyOptions(pairing.settings), remoteCommand(user, side), side, interface, deadline);
+  const std::string detour = detourOf(pairing.settings, side);
+  if (detour.empty()) {
+    first = attempt(ownOptions(pairing.settings), remoteCommand(user, side), side, interface, deadline);
   } else {
-    // A proxy could send packets over any network.
-    first.words = {"not tried with ssh's configuration, which uses " + proxy};
+    // A proxy or a name server could be in any network.
+    first.words = {"not tried with ssh's configuration, which uses " + detour};
     first.outcome.end = Outcome::End::EXITED;
   }
   login.outcome = first.outcome;

@@ -80,6 +80,11 @@ Pairing gatherPairing(const User& user, const Side& side, const Directory& direc
   pairing.sshPath = findProgram("ssh");
   pairing.keygen = runCommand({"ssh-keygen", "-l", "-f", "-"}, deadline.leftMs(kCommandMs), kSample);
   pairing.ssh = ask({"ssh", "-G", "--", side.peerAddress});
+  if (!pairing.ssh.succeeded()) {
+    // ForkAfterAuthentication needs a command, and RemoteCommand rejects one.
+    const Outcome withCommand = ask({"ssh", "-G", "--", side.peerAddress, "true"});
+    if (withCommand.succeeded()) pairing.ssh = withCommand;
+  }
   pairing.settings = Settings(pairing.ssh.out);
   pairing.fault = faultIn(pairing.ssh);
   pairing.fault.isSystems =

@@ -34,6 +34,10 @@ Side makeSide(Role role, std::string reason);
 /// All interfaces of this device, from getifaddrs(3) and /proc/net/route.
 std::vector<Interface> gatherInterfaces();
 
+/// Whether packets for the other device may leave through an interface. A client pairs only through that of
+/// the link.
+bool mayBeAsked(const Interface* interface, const Side& side);
+
 /// The link: the kernel's route to the other device, its neighbour entry and, as root, who answers to ARP.
 Link gatherLink(std::vector<Interface> interfaces, const Side& side, const Deadline& deadline);
 

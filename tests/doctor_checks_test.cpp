@@ -330,7 +330,8 @@ TEST(DoctorDirectory, CanBeWrittenOnlyByItsUser) {
   });
   Check{"ssh-dir-modes", robo}.finds(
       {{paired, "ok: owner root, mode 0600"},
-       {WITH(d.folder().owner = 0),
+       {WITH(d.folder().owner = 0, d.folder().mode = 0600), "/h/.ssh belongs to root $ "},
+       {WITH(d.folder().owner = 0, d.folder().mode = 0705),
         "/h/.ssh belongs to root $ (cd -P /h && [ \"$(pwd -P)\" = /h ] && chown -h robo: ./.ssh)"}});
   Check{"ssh-dir-space", paired}.finds({
       {WITH(d.dir.spaceError = "Stale file handle"), "skip: Stale file handle"},

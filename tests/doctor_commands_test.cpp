@@ -63,8 +63,8 @@ TEST(DoctorCommands, HaveTheRightsThatTheyNeed) {
       {0, "robo", true, "sudo sh -c 'a|b', sudo sh -c 'a|b', sudo dorve-client"},
       {1, "", false, "a|b, sudo sh -c 'a|b', dorve-client"},
       {1, "robo", true, "a|b, sudo sh -c 'a|b', dorve-client"},
-      {1, "", true, "runuser -u robo -- sh -c 'a|b', a|b, runuser -l robo -c dorve-client"},
-      {1, "root", true, "runuser -u robo -- sh -c 'a|b', a|b, runuser -l robo -c dorve-client"},
+      {1, "", true, "setsid -w runuser -u robo -- sh -c 'a|b', a|b, runuser -l robo -c dorve-client"},
+      {1, "root", true, "setsid -w runuser -u robo -- sh -c 'a|b', a|b, runuser -l robo -c dorve-client"},
       {1, "she", true, "sudo -u robo -- sh -c 'a|b', sudo sh -c 'a|b', sudo -i -u robo dorve-client"},
   };
   Fixed d;
@@ -103,6 +103,7 @@ TEST(DoctorCommands, ChangeNothingOutsideTheHome) {
   d.user.id = 1000;
   d.user.name = "robo";
   FileInfo file = d.config;
+  file.mode = 0604;
   const auto all = [&] {
     return join({d.commands.changeMode(file, "600"), d.commands.takeOwnership(file),
                  d.commands.removeFlag(file), d.commands.remount(file)},
@@ -113,13 +114,19 @@ TEST(DoctorCommands, ChangeNothingOutsideTheHome) {
       all(),
       "(cd -P /h/.ssh && [ \"$(pwd -P)\" = /h/.ssh ] && chown -h robo: ./config)\n(cd -P /h/.ssh && [ "
       "\"$(pwd -P)\" = /h/.ssh ] && chown -h robo: ./config)\n(cd -P /h/.ssh && [ \"$(pwd -P)\" = /h/.ssh ] "
-      "&& chattr -i ./config)\nmount -o remount,rw \"$(findmnt -n -o TARGET -T /h/.ssh/config)\"");
+      "&& chattr -i ./config)\n");
   file.owner = 1000;
-  EXPECT_EQ(d.commands.changeMode(file, "600"), "runuser -u robo -- chmod 600 /h/.ssh/config");
+  EXPECT_EQ(d.commands.changeMode(file, "600"), "setsid -w runuser -u robo -- chmod 600 /h/.ssh/config");
+  file.mode = 0600;
+  EXPECT_EQ(d.commands.takeOwnership(file), "") << "the user may not read it";
+  file.mode = 0604;
   file.hasOtherNames = true;
   EXPECT_EQ(d.commands.takeOwnership(file) + d.commands.removeFlag(file), "") << "a hard link to any file";
+  d.user.id = 0;
+  EXPECT_EQ(d.commands.remount(file), "mount -o remount,rw \"$(findmnt -n -o TARGET -T /h/.ssh/config)\"");
   file.real = "/h/!x";
   EXPECT_EQ(d.commands.remount(file), "") << "a word of the shell's history";
+  d.user.id = 1000;
   file.hasOtherNames = false;
   for (const char* real : {"/hh/x", "/etc/passwd", "/"}) {
     file.real = real;
@@ -188,8 +195,9 @@ TEST(DoctorCommands, DisableNoLineThatBeginsABlock) {
   EXPECT_EQ(d.commands.disableForSsh({"/etc/ssh/ssh_config", 7, "x", true}),
             "sed --follow-symlinks -i '7{/^x$/s/^/#/}' /etc/ssh/ssh_config");
   d.user.name = "robo";
-  EXPECT_EQ(d.commands.disableForSsh({"/etc/shadow", 7, "x"}),
-            "runuser -u robo -- sh -c 'sed --follow-symlinks -i '\\''7{/^x$/s/^/#/}'\\'' /etc/shadow'");
+  EXPECT_EQ(
+      d.commands.disableForSsh({"/etc/shadow", 7, "x"}),
+      "setsid -w runuser -u robo -- sh -c 'sed --follow-symlinks -i '\\''7{/^x$/s/^/#/}'\\'' /etc/shadow'");
 }
 
 TEST(DoctorCommands, AllowNoPacketsInAChainWithASpecialName) {
@@ -241,10 +249,10 @@ TEST(DoctorText, ShowsFindingsAndWhatToDoFirst) {
                                       "skip  peer          later\n      fix  next\n"
                                       "FAIL  sshd          \u65e5\u672c\u8a9e is long\n      why  because it "
                                       "is so long\n      fix  fix?\n1 failed. First: fix?\n");
-  EXPECT_EQ(asText(findings, {true, 26}),
+  EXPECT_EQ(asText(findings, {true, 27}),
             "\x1b[32mok\x1b[0m    user          " + name +
                 "\x1b[36mskip\x1b[0m  peer          later\n      fix  next\n"
-                "\x1b[31mFAIL\x1b[0m  sshd          \u65e5\u672c\u8a9e...\n      why  because it i...\n      "
+                "\x1b[31mFAIL\x1b[0m  sshd          \u65e5\u672c...\n      why  because it is...\n      "
                 "fix  fix?\n1 failed. First: fix?\n");
   EXPECT_EQ(asText({findings[1]}, {}),
             "skip  peer          later\n      fix  next\nNothing failed. Next: next\n");
@@ -271,7 +279,7 @@ TEST(DoctorText, IsSpelledRight) {
       "hostkeys hosts_access icmp iif iifname inet ip ipv json keygen lastday listenaddress localforward "
       "maxdays mkdir mtu mv nT neighbour nfproto nft nologin nomaster oif oifname ok openssh pairing's "
       "preferredauthentications prerouting printf proc proto publickey qF remoteforward runuser rw saddr "
-      "sbin sed sqxF src ssh's ssh_config ssh_host_ ssh_host_ed sshd sshd's sshrc strictmodes su sudo "
+      "sbin sed setsid sqxF src ssh's ssh_config ssh_host_ ssh_host_ed sshd sshd's sshrc strictmodes su sudo "
       "symlinks sysctl systemctl tcp udp uid unpair usepam useradd usermod usr xBB xBF xEF ";
   const std::string texts =
       "cd " + quoted(DORVE_DOCTOR_SOURCES) +

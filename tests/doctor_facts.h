@@ -52,7 +52,7 @@ struct Device {
     dir.publicKey = file("/h/.ssh/key.pub", FILE);
     dir.keysParents = {dir.authorizedKeys, folder(), home()};
     dir.bytesFree = 65536;
-    processes.listeners = {{22, "", true, false, Process{700, "sshd", "", false, true, false}}};
+    processes.listeners = {{22, "", true, false, Process{700, "sshd", "", false, true}}};
     firewall = {{"ip", "f", "in", "input", "accept", {}}};
     sshd.installed = sshd.systemd = true;
     sshd.configFile = "/etc/ssh/sshd_config";

@@ -380,7 +380,7 @@ def test_names_an_ordinary_users_mistake(lab, build, root_command, command, line
 
 @pytest.mark.parametrize("file, line, rights", [
     ("/etc/ssh/ssh_config", "Bogus yes", ""),
-    (".ssh/config", 'Match exec "echo /etc/ssh/ssh_config line 1: >&2"\nBogus yes', "runuser -u me -- "),
+    (".ssh/config", 'Match exec "echo /etc/ssh/ssh_config line 1: >&2"\nBogus yes', "setsid -w runuser -u me -- "),
 ])
 def test_root_edits_no_file_that_only_the_user_names(lab, build, file, line, rights):
     add_user(lab.client, build)

@@ -103,9 +103,7 @@ std::optional<Finding> judgeModes(const char* name, const std::vector<FileInfo>&
       finding.command = commands.changeMode(file, "go-w");
     }
     if (finding.command.empty()) {
-      finding.cause +=
-          "; it is outside the home directory, or a hard link: fix it by hand, or move the SSH files into "
-          "the home";
+      finding.cause += "; no command is safe here: look at it, then fix it by hand or move it away";
     }
     return finding;
   }

@@ -21,7 +21,9 @@ std::string Commands::asUser(const std::string& script) const {
   const std::string typist = !user.typedBy.empty() ? user.typedBy : user.rootHelps ? "root" : user.name;
   if (typist == user.name || (user.isRoot() && typist == "root")) return script;
   if (user.isRoot()) return asRoot(script);
-  const std::string prefix = (typist == "root" ? "runuser -u " : "sudo -u ") + quoted(user.name) + " -- ";
+  // In a session of its own, a program of the user cannot type into root's terminal.
+  const std::string prefix =
+      (typist == "root" ? "setsid -w runuser -u " : "sudo -u ") + quoted(user.name) + " -- ";
   return prefix + (isOneCommand(script) ? script : "sh -c " + quoted(script));
 }
 
@@ -89,6 +91,9 @@ std::string Commands::changeMode(const FileInfo& file, const std::string& mode) 
 }
 
 std::string Commands::takeOwnership(const FileInfo& file) const {
+  // It may hold what the user must not read. The user can give any file in the home this name.
+  const unsigned int access = file.type == FileInfo::Type::DIRECTORY ? 05U : 04U;
+  if (!user.isRoot() && (file.mode & access) != access) return "";
   return asRootAt(file, "chown -h " + user.name + ":");
 }
 
@@ -99,6 +104,8 @@ std::string Commands::removeFlag(const FileInfo& file) const {
 std::string Commands::remount(const FileInfo& file) const {
   // An interactive shell expands ! even inside these quotes.
   if (!isInHome(file.real) || contains(file.real, "!")) return "";
+  // The user could put a link in the place of a directory before root runs the command.
+  if (!user.isRoot()) return "";
   return asRoot("mount -o remount,rw \"$(findmnt -n -o TARGET -T " + quoted(file.real) + ")\"");
 }
 

@@ -83,7 +83,7 @@ class Gatherer {
     side.timeoutMs = question.timeoutMs;
     publish(&Facts::side, Fact<Side>(side));
     publish(&Facts::link, Fact<Link>(gatherLink(std::move(interfaces), side, deadline)));
-    publish(&Facts::processes, gatherProcesses(side));
+    publish(&Facts::processes, gatherProcesses(user, side));
     publish(&Facts::firewall, gatherFirewall(deadline));
     publish(&Facts::sshd, Fact<Sshd>(gatherSshd(user, side, directory, facts.processes, deadline)));
     others = pairedUsers(user);

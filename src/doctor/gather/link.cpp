@@ -117,7 +117,8 @@ Fact<Route> lookUpRoute(const std::string& address) {
   }
   const ssize_t size = recv(netlink.get(), answer, sizeof answer, 0);
   const auto* header = reinterpret_cast<const nlmsghdr*>(answer);
-  if (size < 0 || !NLMSG_OK(header, static_cast<unsigned int>(size))) {
+  const bool isWhole = size >= 0 && NLMSG_OK(header, static_cast<unsigned int>(size));
+  if (!isWhole) {
     return Fact<Route>::unknown(std::strerror(errno));
   }
   if (header->nlmsg_type != NLMSG_ERROR) return parseRoute(header);
@@ -181,7 +182,9 @@ Side findSide(const std::vector<Interface>& interfaces, const Directory& directo
   for (const Interface& interface : interfaces) {
     const bool mayBeLink =
         interface.name == kLinkInterface || (interface.addresses.empty() && !interface.uplink);
-    if (!mayBeLink || interface.loopback || !interface.carrier || ++asked > kMaxAsked) continue;
+    if (!mayBeLink || interface.loopback || !interface.carrier || !interface.master.empty() ||
+        ++asked > kMaxAsked)
+      continue;
     const Fact<Answers> answers = askForAddresses(interface.name, sides[0], kGuessMs);
     if (answers && !answers->peer.empty()) return because(sides[0], "the client is on " + interface.name);
     if (answers && !answers->own.empty()) return because(sides[1], "the server is on " + interface.name);

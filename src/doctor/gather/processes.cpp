@@ -27,10 +27,14 @@ struct Socket {
   std::string inode;
 };
 
-bool covers(const Listener& listener, const std::string& address) {
+/// `accepts` holds the ports of the address that were already tried.
+bool covers(const Listener& listener, const std::string& address, std::map<std::uint16_t, bool>& accepts) {
   if (listener.address.find_first_not_of('0') == std::string::npos) {
+    if (listener.address.size() == 8) return true;
     // A listener for all IPv6 addresses may accept IPv4 or not.
-    return listener.address.size() == 8 || acceptsConnections(address, listener.port);
+    const auto [known, isNew] = accepts.try_emplace(listener.port, false);
+    if (isNew) known->second = acceptsConnections(address, listener.port);
+    return known->second;
   }
   in_addr binary = {};
   inet_pton(AF_INET, address.c_str(), &binary);
@@ -93,7 +97,10 @@ Process readProcess(const std::filesystem::path& folder) {
   std::getline(std::ifstream(folder / "cmdline"), title, '\0');
   process.isSession = title.starts_with("sshd: ") && !contains(title, " [listener]");
   struct stat status = {};
-  process.ofRoot = ::stat(folder.c_str(), &status) == 0 && status.st_uid == 0;
+  if (::stat(folder.c_str(), &status) == 0) {
+    process.user = status.st_uid;
+    process.ofRoot = status.st_uid == 0;
+  }
   return process;
 }
 
@@ -122,7 +129,7 @@ void findOwners(std::vector<Socket>& sockets, std::vector<Process>& candidates) 
 
 }  // namespace
 
-Fact<Processes> gatherProcesses(const Side& side) {
+Fact<Processes> gatherProcesses(const User& user, const Side& side) {
   std::vector<Process> candidates;
   for (const std::filesystem::path& folder : numberedEntries("/proc")) {
     candidates.push_back(readProcess(folder));
@@ -134,9 +141,13 @@ Fact<Processes> gatherProcesses(const Side& side) {
   findOwners(sockets, candidates);
 
   Processes processes;
+  std::map<std::uint16_t, bool> accepts;
   for (const Process& process : candidates) {
     const bool isOther = !process.program.empty() && !process.program.ends_with("/" + process.name);
-    if (isOther || (process.name != "dorve-client" && process.name != "dorve-server")) continue;
+    // A program of another user replaces no key of this one.
+    if (isOther || process.user != user.id ||
+        (process.name != "dorve-client" && process.name != "dorve-server"))
+      continue;
     (process.name == side.program ? processes.programs : processes.misplaced).push_back(process);
   }
   for (const Socket& socket : sockets) {
@@ -148,7 +159,7 @@ Fact<Processes> gatherProcesses(const Side& side) {
     });
     processes.listeners.push_back(socket.listener);
     Listener& listener = processes.listeners.back();
-    listener.coversOwn = !isTaken && covers(listener, side.ownAddress);
+    listener.coversOwn = !isTaken && covers(listener, side.ownAddress, accepts);
     const bool isDoubtful = listener.port == kSshPort && listener.owner && !listener.owner->isSshd();
     listener.speaksSsh = isDoubtful && listener.coversOwn && greetsAsSsh(side.ownAddress);
   }

@@ -122,7 +122,11 @@ bool readsAuthorizedKeys(const Settings& settings, const User& user, const Direc
 }
 
 /// The type and the text of the pairing key in authorized_keys; empty if there is none.
-std::string pairingKey(const Directory& directory) {
+std::string pairingKey(const User& user, const Directory& directory) {
+  // Root must not read for the user what the user can only link to.
+  const FileInfo& file = directory.authorizedKeys;
+  const bool mayRead = (file.mode & 04U) != 0 && file.real.starts_with(directory.canonicalHome + "/");
+  if (!user.isRoot() && file.owner != user.id && !mayRead) return "";
   std::istringstream text(readText(directory.authorizedKeys.path));
   for (std::string line; std::getline(text, line);) {
     if (!contains(line, kPairingKeyName) || line.starts_with('#')) continue;
@@ -163,9 +167,9 @@ Sshd gatherSshd(const User& user, const Side& side, const Directory& directory,
     sshd.log = Fact<std::vector<std::string>>::unknown("only root can read the log");
     return sshd;
   }
-  const std::string key = pairingKey(directory);
+  const std::string key = pairingKey(user, directory);
   sshd.rehearsal = rehearse(user, side, key.empty() ? kNobodysKey : key, arguments, deadline);
-  if (sshd.rehearsal) sshd.rehearsal.value->offersPairingKey = !key.empty();
+  if (sshd.rehearsal.value) sshd.rehearsal.value->offersPairingKey = !key.empty();
   sshd.log = lastRefusal(side, sshd, deadline);
   return sshd;
 }

@@ -47,15 +47,22 @@ std::string shown(const std::string& text) {
   return printable(nlohmann::json::parse(toJsonText(text)).get<std::string>());
 }
 
-/// The line, cut to the width of the terminal by characters.
+/// The columns that a character may take on a terminal, by its first byte; 0 for its other bytes.
+std::size_t columnsOf(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return (byte & 0xC0U) == 0x80 ? 0 : byte >= 0xE1 ? 2 : 1;
+}
+
+/// The line, cut to the width of the terminal.
 std::string cut(const std::string& line, std::size_t width) {
-  const auto startsCharacter = [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80; };
-  if (width == 0 || static_cast<std::size_t>(std::ranges::count_if(line, startsCharacter)) <= width)
-    return line;
+  std::size_t columns = 0;
+  for (const char c : line) columns += columnsOf(c);
+  if (width == 0 || columns <= width) return line;
   const std::size_t kept = width - std::min<std::size_t>(width, 3);
   std::size_t end = 0;
-  for (std::size_t characters = 0; end < line.size(); ++end) {
-    if (startsCharacter(line[end]) && characters++ == kept) break;
+  for (columns = 0; end < line.size(); ++end) {
+    columns += columnsOf(line[end]);
+    if (columns > kept) break;
   }
   return line.substr(0, end) + std::string(std::min<std::size_t>(width, 3), '.');
 }

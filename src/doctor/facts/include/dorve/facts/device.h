@@ -132,8 +132,9 @@ struct Process {
   std::string program;  ///< the path of the executable; empty if this user may not see it
   bool stopped = false;
   bool ofRoot = false;
-  bool isSession = false;  ///< an sshd that serves a login, and may listen for forwarded ports
-  bool runsSshd = false;   ///< its executable is the installed sshd; false if this user may not see it
+  unsigned int user = ~0U;  ///< ID of the user who runs it
+  bool isSession = false;   ///< an sshd that serves a login, and may listen for forwarded ports
+  bool runsSshd = false;    ///< its executable is the installed sshd; false if this user may not see it
 
   /// Returns whether it is a real sshd. Any user may start a program that calls itself sshd.
   bool isSshd() const;

@@ -26,8 +26,9 @@ struct Fact {
   }
 
   explicit operator bool() const { return value.has_value(); }
-  const T& operator*() const { return *value; }
-  const T* operator->() const { return &*value; }
+  // Only for a known value, as of std::optional.
+  const T& operator*() const { return *value; }               // NOLINT(bugprone-unchecked-optional-access)
+  const T* operator->() const { return value.operator->(); }  // NOLINT(bugprone-unchecked-optional-access)
 };
 
 }  // namespace dorve

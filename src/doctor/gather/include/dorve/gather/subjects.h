@@ -45,7 +45,7 @@ Link gatherLink(std::vector<Interface> interfaces, const Side& side, const Deadl
 Fact<Answers> askForAddresses(const std::string& interface, const Side& side, int timeoutMs);
 
 /// The programs that run, and who listens. No value without /proc.
-Fact<Processes> gatherProcesses(const Side& side);
+Fact<Processes> gatherProcesses(const User& user, const Side& side);
 
 /// Probes ports 22 and 8888 of the other device at the same time, through the interface of the link.
 /// Never completes a handshake. Otherwise a server that serves only one client would mistake the probe for

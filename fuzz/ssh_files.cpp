@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The edits of authorized_keys, known_hosts and config, and their removal.
-// The files may hold any text, and the disk may be full.
+// Fuzzes the edits of authorized_keys, known_hosts and config, and the removal of a pairing.
+// The files may hold arbitrary text, and the disk may be full.
 #include "dorve/keys/ssh_files.h"
 
 #include <algorithm>
@@ -27,9 +27,10 @@ const std::vector<std::string> dorve::kSeeds = {
     "\\\n\n\nHost 172.20.10.3\n  User y\n\4\xF0z",
     "\\\nHOST 172.20.10.1\nIdentityFile base_slice_exchange\n\xFF\1b"};
 
+static constexpr std::size_t kUnlimited = SIZE_MAX;
+
 /// The largest number of bytes that a write can store. The first larger write stores only this many bytes
 /// and removes the limit, so that the edit can restore the file.
-static constexpr std::size_t kUnlimited = SIZE_MAX;
 static std::size_t freeBytes = kUnlimited;
 
 /// pwrite(2) and its replacement. The linker's option --wrap=pwrite64 gives them these names.
@@ -104,7 +105,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::optional<std::string> left = readFileText(path);
   check(left == unpaired || (limited && left == expected), "a full disk leaves the old or the new text");
   freeBytes = kUnlimited;
-  // A changed block is found by each call, and stays.
+  // Each call finds a changed block and keeps it.
   const std::vector<Remnant> found = removeRemnants(kSshDir, kName, {kHost});
   const bool hasRemoved = std::ranges::any_of(found, [](const Remnant& it) { return it.obstacle.empty(); });
   check(hasRemoved == (left != unpaired), "a line is removed once");

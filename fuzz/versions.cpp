@@ -13,7 +13,7 @@ const std::vector<std::string> dorve::kSeeds = {
     "1.0,01.0,DORVE/1.0\nDORVE/1.0,01.0,1.0,\n-1.2\n 1.0",
     std::string(250, ',') + "1.0,2.0\n" + std::string(130, '1') + ".0,1.0\n99999999999999999999.0\n1"};
 
-/// A second implementation of the walk by `takeItem`, to compare with.
+/// Splits a list in another way than `takeItem`, to compare the results.
 static std::vector<std::string> splitAndTrim(const std::string& list) {
   std::vector<std::string> items;
   std::istringstream stream(list);

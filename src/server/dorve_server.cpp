@@ -131,8 +131,8 @@ bool DorveServer::handle(NqSocket& client, const std::uint8_t* request) {
     case MessageType::EXCHANGE_KEYS_REQUEST:
       respond(handleExchangeKeys(reinterpret_cast<const ExchangeKeysRequest*>(request)));
       return true;
-    // A client installs its key after the response to the first of these two requests,
-    // and before it sends the second.
+    // A client installs this server's key between the response to the first of these two requests and the
+    // second request. From then on, a stop must leave it time to finish.
     case MessageType::VERIFY_KEYS_REQUEST:
       letFinish();
       respond(handleVerifyKeys(reinterpret_cast<const VerifyKeysRequest*>(request)));

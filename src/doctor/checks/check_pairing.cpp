@@ -95,11 +95,11 @@ std::string interfaceName(const Known& known) {
   return interface == nullptr ? kLinkInterface : interface->name;
 }
 
-/// The lines that make ssh use the pairing key and no other value of the changed settings.
+/// The lines that make ssh use the pairing key, and the wanted value of each changed setting.
 std::vector<std::string> wantedLines(const Known& known, const std::vector<ChangedSetting>& changed) {
   std::vector<std::string> lines = {"IdentityFile " + known.directory.privateKey.path};
   for (const ChangedSetting& setting : changed) {
-    // These have no value that means "not set".
+    // The first three settings have no value that means "not set".
     const std::string wanted = setting.name == "bindaddress"                ? known.side.ownAddress
                                : setting.name == "bindinterface"            ? interfaceName(known)
                                : setting.name == "preferredauthentications" ? "publickey"
@@ -116,7 +116,8 @@ std::string describe(const std::vector<ChangedSetting>& changed, const Known& kn
   return "for " + known.side.peerAddress + " ssh uses " + join(parts, ", ");
 }
 
-/// Settings that the doctor's own login replaces, so that it works even if the user's ssh would not.
+/// Judges settings that the doctor's own login overrides: with them, the user's login can fail although the
+/// doctor's works.
 std::optional<Finding> judgeReplaced(const Known& known) {
   const Settings& settings = known.pairing.settings;
   const std::string bound = settings.first("bindinterface");

@@ -40,7 +40,7 @@ std::string Commands::onPeer(const std::string& command) const {
 }
 
 std::string Commands::pairAgain() const {
-  // The programs would run what a special path holds.
+  // The programs pass this path to a shell, which would run any command in it.
   if (!isSafeForShell(directory.path)) return "";
   const bool runs = processes && !processes->programs.empty();
   // A second dorve-server would replace the key of the first one and then wait for its port.
@@ -133,7 +133,8 @@ std::string Commands::reloadScript() const {
   if (sshd.systemd) return testSshd() + " && systemctl try-reload-or-restart ssh";
   const Process* running = processes ? processes->sshd() : nullptr;
   if (running != nullptr) return testSshd() + " && " + signalScript(*running, "HUP");
-  return testSshd();  // it does not run, so it reads its configuration when it starts
+  // sshd does not run, and it reads its configuration when it starts.
+  return testSshd();
 }
 
 std::string Commands::reloadSshd() const {
@@ -146,7 +147,8 @@ std::string Commands::writeScript(const std::string& name, const std::vector<std
 }
 
 std::string Commands::setForLogin(const std::string& keyword, const std::string& value) const {
-  // A value may be the name of a group. In sshd's lists, blanks, quotes and patterns have a meaning.
+  // The value can be the name of a group. In a list of sshd, a name with blanks, quotes or wildcards has
+  // another meaning.
   const bool isList = keyword == "AllowGroups" && !isPlainName(value);
   if (!isPlainName(user.name) || isList || isArgument(keyword)) return "";
   return asRoot(writeScript(

@@ -67,7 +67,7 @@ class DorveServer {
 
   /// Returns whether this device now has what a client's InstallKeysRequest installs: authorized_keys
   /// contains the last key that the client sent in this run, and config has a block for `kClientAddress`.
-  /// Reads both files. dorve-client has installed its key before it sends that request.
+  /// Reads both files. dorve-client has installed this server's key before it sends that request.
   bool keysInstalled() const;
 
   /// Serves a connection until the client closes it, a ConfirmInstallRequest has been handled

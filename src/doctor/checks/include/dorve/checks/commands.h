@@ -17,11 +17,10 @@ namespace dorve {
 ///   becomes empty.
 /// - A command gets the rights that it needs, by sudo or su, or by runuser if root works for another
 ///   user.
-/// - A setting of sshd holds only for this user and the other device, unless sshd knows it only for all
-/// logins.
-///   A reload follows only if `sshd -t` passes.
+/// - A setting of sshd applies only to this user's logins from the other device, or to all logins if sshd has
+///   no narrower form. sshd is reloaded only if `sshd -t` passes.
 /// - Owners and modes change only inside this user's home.
-/// - A process is ended by its ID, and only if it still runs the same program; sshd never.
+/// - A command terminates a process by its ID, only if it still runs the same program, and never sshd.
 /// - Pasting a command twice does no more than pasting it once.
 class Commands {
  public:
@@ -37,8 +36,8 @@ class Commands {
   /// The command with a remark that it is for the other device.
   std::string onPeer(const std::string& command) const;
 
-  /// Starts a new pairing, with a remark about the other device. Empty if the path of the SSH directory is
-  /// special.
+  /// Starts a new pairing, with a remark about the other device. Empty if the path of the SSH directory
+  /// contains a special character.
   std::string pairAgain() const;
 
   /// Runs dorve-doctor on the other device, as root. It examines the pairing of the user of that name,
@@ -64,8 +63,8 @@ class Commands {
   /// Moves a file of this user out of the way.
   std::string moveAway(const std::string& path) const;
 
-  /// Applies a setting to logins of this user from the other device. Empty if the name of the user is
-  /// special.
+  /// Applies a setting to logins of this user from the other device. Empty if the name of the user
+  /// contains a special character.
   std::string setForLogin(const std::string& keyword, const std::string& value) const;
 
   /// Adds a line to the front of sshd's configuration, for all logins.
@@ -74,8 +73,8 @@ class Commands {
   /// Lets the other device through hosts_access(5).
   std::string allowInHosts() const;
 
-  /// Inserts a rule that accepts packets at the front of a chain, unless it is there. Has no rights of its
-  /// own.
+  /// Inserts a rule that accepts packets at the front of a chain, unless it is already there. Does not
+  /// add sudo: the caller passes the result to `asRoot`.
   static std::string allowPackets(const Chain& chain, const std::string& rule);
 
   /// Turns a line that ssh rejects into a comment, or removes a byte order mark before it.
@@ -89,7 +88,8 @@ class Commands {
   /// is none.
   std::string disableKeyword(const std::string& keyword) const;
 
-  /// Makes ssh use settings for the other device before all others. They stand in ~/.ssh/dorve-NAME.conf.
+  /// Makes ssh use settings for the other device before all others. Writes them to
+  /// ~/.ssh/dorve-NAME.conf.
   std::string setForSsh(const std::string& name, const std::vector<std::string>& lines) const;
 
   /// Gives the second key in a line of authorized_keys a line of its own.
@@ -98,7 +98,7 @@ class Commands {
   /// Makes host keys where sshd expects them.
   std::string makeHostKeys() const;
 
-  /// Installs sshd again, with its files that are missing.
+  /// Reinstalls sshd and restores its missing files.
   std::string reinstallSshd() const;
 
   /// Continues a stopped process.
@@ -113,7 +113,7 @@ class Commands {
   /// Makes the running sshd read its configuration again.
   std::string reloadSshd() const;
 
-  /// Ends processes. Empty if this user may not see their programs.
+  /// Terminates processes. Empty if this user may not see their programs, and for sshd.
   std::string end(const std::vector<Process>& targets) const;
 
  private:

@@ -105,8 +105,10 @@ ssize_t wrappedReceive(int descriptor, void* buffer, std::size_t size, int flags
     } while (nextByte() == 1);
   }
   const std::size_t choice = nextByte();
-  if (choice == kInterrupted) return errno = EINTR, -1;
-  if (choice == kReset) return errno = ECONNRESET, -1;
+  if (choice == kInterrupted || choice == kReset) {
+    errno = choice == kReset ? ECONNRESET : EINTR;
+    return -1;
+  }
   const std::size_t most = choice == 0 ? size : std::min(size, choice);
   const std::string segment = peer.messages.substr(peer.sent, most);
   peer.sent += segment.size();

@@ -18,6 +18,8 @@ static const std::string kBlock =
     "\n" + kHostLine + "\n    IdentityFile " + kSshDir + "/" + kName +
     "\n    IdentitiesOnly yes\n    StrictHostKeyChecking no\n    UserKnownHostsFile /dev/null\n";
 
+/// A seed has the words of the key up to a backslash and a newline, then the old text of the file, and in its
+/// last three bytes the limit of the disk, the number of repetitions and the choice of the edit.
 const std::vector<std::string> dorve::kSeeds = {
     "key\\\nssh-rsa B me@laptop\n# 172.20.10.10\n\n\r\n172.20.10.1 ssh-ed25519 C "
     "base_slice_exchange\nend\xFF\1c",
@@ -40,7 +42,10 @@ ssize_t limitedWrite(int descriptor, const void* data, std::size_t size, off_t o
 ssize_t limitedWrite(int descriptor, const void* data, std::size_t size, off_t offset) {
   const std::size_t stored = std::min(size, freeBytes);
   if (stored < size) freeBytes = kUnlimited;
-  if (stored == 0 && size > 0) return errno = ENOSPC, -1;
+  if (stored == 0 && size > 0) {
+    errno = ENOSPC;
+    return -1;
+  }
   return realWrite(descriptor, data, stored, offset);
 }
 
@@ -58,7 +63,8 @@ static std::string withEntry(const std::string& text, const std::string& marker,
 static std::string without(const std::string& text, const std::string& marker) {
   std::string kept;
   for (std::size_t start = 0; start < text.size();) {
-    const std::size_t end = std::min(text.find('\n', start), text.size() - 1) + 1;
+    const std::size_t newline = text.find('\n', start);
+    const std::size_t end = newline == std::string::npos ? text.size() : newline + 1;
     const std::string line = text.substr(start, end - start);
     if (line.find(marker) == std::string::npos) kept += line;
     start = end;
@@ -66,10 +72,28 @@ static std::string without(const std::string& text, const std::string& marker) {
   return kept;
 }
 
+/// Removes the pairing from the edited file, at first on a disk that may be full.
+static void checkRemoval(const std::string& path, const std::string& edited, const std::string& unpaired,
+                         std::size_t limit) {
+  freeBytes = limit;
+  removeRemnants(kSshDir, kName, {kHost});
+  const std::optional<std::string> left = readFileText(path);
+  check(left == unpaired || (limit != kUnlimited && left == edited),
+        "a full disk leaves the old or the new text");
+  freeBytes = kUnlimited;
+  // Each call finds a changed block and keeps it.
+  const std::vector<Remnant> found = removeRemnants(kSshDir, kName, {kHost});
+  const bool hasRemoved = std::ranges::any_of(found, [](const Remnant& it) { return it.obstacle.empty(); });
+  check(hasRemoved == (left != unpaired), "a line is removed once");
+  check(readFileText(path) == unpaired, "a removal leaves all other bytes as they were");
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   FuzzedDataProvider input(data, size);
-  const int choice = input.ConsumeIntegral<std::uint8_t>(), times = input.ConsumeIntegral<std::uint8_t>();
-  const std::size_t limit = input.ConsumeIntegral<std::uint8_t>();
+  const int edited = input.ConsumeIntegral<std::uint8_t>() % 3;
+  const int times = input.ConsumeIntegral<std::uint8_t>();
+  const std::size_t blocks = input.ConsumeIntegral<std::uint8_t>();
+  const std::size_t limit = blocks == 255 ? kUnlimited : 16 * blocks;
   const std::string words = input.ConsumeRandomLengthString(), text = input.ConsumeRemainingBytesAsString();
   const std::string key = "ssh-ed25519 " + words.substr(0, words.find_first_of(std::string("\n\0", 2))) +
                           kName + (times % 2 == 0 ? "" : "\n");
@@ -81,15 +105,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       {"/known_hosts", [&] { addKnownHost(kSshDir, key.c_str(), kHost.c_str()); },
        withEntry(before, kHost, kHost + " " + key)},
       {"/config", [&] { addSshConfig(kSshDir, kName, kHost.c_str()); }, hasBlock ? before : before + kBlock}};
-  const auto& [name, edit, expected] = edits[choice % 3];
+  const auto& [name, edit, expected] = edits[edited];
   const std::string path = kSshDir + name;
   makeSshDirectory(kSshDir);
   std::remove(path.c_str());
   if (!before.empty()) std::ofstream(path, std::ios::binary) << before;
-  const bool limited = limit != 255;
-  freeBytes = limited ? 16 * limit : kUnlimited;
+  freeBytes = limit;
   edit();
-  const bool wasFull = limited && freeBytes == kUnlimited;
+  const bool wasFull = freeBytes != limit;
   check(readFileText(path) == (wasFull ? before : expected),
         "a full disk leaves the old text, otherwise the file has the new text");
   freeBytes = kUnlimited;
@@ -98,17 +121,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     check(readFileText(path) == expected, "a repeated edit gives the same text");
     check(std::filesystem::status(path).permissions() == std::filesystem::perms{0600}, "the mode is 0600");
   }
-  if (choice % 3 == 1 || (choice % 3 == 2 && hasBlock)) return 0;
-  const std::string unpaired = choice % 3 == 0 ? without(expected, kName) : before;
-  freeBytes = limited ? 16 * limit : kUnlimited;
-  removeRemnants(kSshDir, kName, {kHost});
-  const std::optional<std::string> left = readFileText(path);
-  check(left == unpaired || (limited && left == expected), "a full disk leaves the old or the new text");
-  freeBytes = kUnlimited;
-  // Each call finds a changed block and keeps it.
-  const std::vector<Remnant> found = removeRemnants(kSshDir, kName, {kHost});
-  const bool hasRemoved = std::ranges::any_of(found, [](const Remnant& it) { return it.obstacle.empty(); });
-  check(hasRemoved == (left != unpaired), "a line is removed once");
-  check(readFileText(path) == unpaired, "a removal leaves all other bytes as they were");
+  if (edited == 0) checkRemoval(path, expected, without(expected, kName), limit);
+  if (edited == 2 && !hasBlock) checkRemoval(path, expected, before, limit);
   return 0;
 }

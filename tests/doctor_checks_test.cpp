@@ -117,7 +117,7 @@ TEST(DoctorReport, OfAHealthyDeviceIsInThisOrder) {
 
 TEST(DoctorReport, DoesNotMindWhatIsHarmless) {
   const auto oddities = [](Device& d) {
-    d.user.typedBy = "root";
+    d.user.runBy = "root";
     d.user.locked = d.sshd.loginsForbidden = d.link.neighbourIsFixed = d.pairing.keyIsNewer = true;
     d.user.shellIsListed = d.key.writable = d.pairing.keysMatch = false;
     d.bsab().mtu = 576;

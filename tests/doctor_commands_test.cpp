@@ -54,7 +54,7 @@ TEST(DoctorCommands, AreEmptyIfATerminalWouldShowThemWrong) {
 TEST(DoctorCommands, HaveTheRightsThatTheyNeed) {
   const struct {
     unsigned int user;
-    const char* typedBy;
+    const char* runBy;
     bool rootHelps;
     std::string commands;  // as the user, as root, and to pair again
   } rows[] = {
@@ -71,7 +71,7 @@ TEST(DoctorCommands, HaveTheRightsThatTheyNeed) {
   for (const auto& row : rows) {
     d.user.id = row.user;
     d.user.name = row.user == 0 ? "root" : "robo";
-    d.user.typedBy = row.typedBy;
+    d.user.runBy = row.runBy;
     d.user.rootHelps = row.rootHelps;
     const std::string pair = split(d.commands.pairAgain(), "#")[0];
     EXPECT_EQ(join({d.commands.asUser("a|b"), d.commands.asRoot("a|b"), pair}, ", "), row.commands + "  ");
@@ -207,11 +207,11 @@ TEST(DoctorCommands, AllowNoPacketsInAChainWithASpecialName) {
 
 TEST(DoctorCommands, EndOnlyTheSameProgram) {
   Fixed d;
-  EXPECT_EQ(d.commands.end({{9, "nc", "/a b"}, {8, "nc", "/c"}}),
+  EXPECT_EQ(d.commands.terminate({{9, "nc", "/a b"}, {8, "nc", "/c"}}),
             "[ /proc/9/exe -ef '/a b' ] && kill 9; [ /proc/8/exe -ef /c ] && kill 8");
-  EXPECT_EQ(d.commands.end({{9, "nc", ""}}) + d.commands.end({{1, "x", "/x"}}) + d.commands.end({}), "");
+  EXPECT_EQ(d.commands.terminate({{9, "nc", ""}}) + d.commands.terminate({{1, "x", "/x"}}) + d.commands.terminate({}), "");
   // This part of sshd serves a login, and may hold a port that the login forwards.
-  EXPECT_EQ(d.commands.end({{9, "sshd-session", "/usr/lib/openssh/sshd-session"}}), "");
+  EXPECT_EQ(d.commands.terminate({{9, "sshd-session", "/usr/lib/openssh/sshd-session"}}), "");
 }
 
 TEST(DoctorCommands, DoTheSameTheSecondTime) {

@@ -92,7 +92,7 @@ MISTAKES = [
     Mistake("sshd does not run", BETWEEN, "client", STOP_SSHD),
     Mistake("sshd listens on another port", BETWEEN, "server", sshd("Port 2222")),
     Mistake("sshd keeps root out", BETWEEN, "server", sshd("PermitRootLogin no")),
-    Mistake("sshd allows other users only", BETWEEN, "server", sshd("AllowUsers somebody")),
+    Mistake("sshd allows only other users", BETWEEN, "server", sshd("AllowUsers somebody")),
     Mistake("Others may write to the home directory", BETWEEN, "server", "chmod 0777 ."),
     Mistake("authorized_keys cannot be changed", BETWEEN, "server",
             "cd .ssh; touch authorized_keys; chmod 600 authorized_keys; chattr +i authorized_keys"),
@@ -243,7 +243,7 @@ def documented(title):
 def plain(text):
     """The text with N in place of numbers and fingerprints, and MAC in place of hardware addresses. The programs and
     Python appear as on a usual Debian system."""
-    text = re.sub(r"(process |/proc/|kill |kill -[A-Z]+ |python3\.)\d+", r"\1N", re.sub(r"(SHA256:)\S+", r"\1N", text))
+    text = re.sub(r"(process |/proc/|kill |kill -[A-Z]+ |python3\.)\d+", r"\1N", re.sub(r"(SHA256:)[\w+/]+", r"\1N", text))
     text = re.sub(r"-ef '.*?/(dorve-(?:client|server))' ", r"-ef /usr/bin/\1 ", text)  # a path with blanks
     text = re.sub(r"[^\s>]+/(dorve-(?:client|server)) ", r"/usr/bin/\1 ", re.sub(r"\d+ KiB", "N KiB", text))
     return re.sub(r"(\w\w:){5}\w\w", "MAC", text)

@@ -190,11 +190,13 @@ Findings checkDirectory(const User& user, const Side& side, const Directory& dir
   Findings findings = {judgePath(user, directory, commands),
                        judgeOwner(user, directory, strictModes, commands), judgeSpace(directory, commands)};
   const std::size_t before = findings.size();
-  // The findings about the directories above the file are those of ssh-dir-modes, unless the file is a link.
-  const bool isLink = !directory.keysParents.empty() && !directory.parents.empty() &&
-                      !directory.keysParents.front().path.starts_with(directory.parents.front().path + "/");
+  // ssh-dir-modes already judges the directories above authorized_keys, unless the file is a link to another
+  // directory.
+  const bool isElsewhere =
+      !directory.keysParents.empty() && !directory.parents.empty() &&
+      !directory.keysParents.front().path.starts_with(directory.parents.front().path + "/");
   std::vector<FileInfo> keys = directory.keysParents;
-  if (!isLink) keys.resize(std::min<std::size_t>(keys.size(), 1));
+  if (!isElsewhere) keys.resize(std::min<std::size_t>(keys.size(), 1));
   if (strictModes && directory.authorizedKeys.type == FileInfo::Type::FILE) {
     if (auto finding = judgeModes("ssh-files", keys, user, commands)) findings.push_back(*finding);
   }

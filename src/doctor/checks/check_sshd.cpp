@@ -68,12 +68,12 @@ Finding judgeHolder(const Listener& listener, const Known& known) {
   }
   const bool isSshd = owner.isSshd() || (owner.ofRoot && owner.name == "sshd" && !owner.isSession);
   if (isSshd || listener.speaksSsh) return {Verdict::OK, "sshd", owner.name + " listens on port 22"};
-  const std::string end = known.commands.end({owner});
+  const std::string terminate = known.commands.terminate({owner});
   return {Verdict::FAIL,
           "sshd",
           "port 22 is held by " + process,
           "sshd cannot listen on it",
-          end.empty() ? "" : end + " && sleep 1 && " + known.commands.startSshd(),
+          terminate.empty() ? "" : terminate + " && sleep 1 && " + known.commands.startSshd(),
           Serves::LOGIN_HERE};
 }
 

@@ -14,9 +14,9 @@ Finding judgeUser(const User& user, const Directory& directory, const Commands& 
   }
   Finding finding = {Verdict::OK, "user",
                      user.name + (directory.path.empty() ? "" : ", with the SSH files in " + directory.path)};
-  if (user.isRoot() && !user.typedBy.empty() && user.typedBy != "root") {
-    finding.cause = "sudo runs this as root; to examine your own pairing: sudo dorve-doctor --user " +
-                    quoted(user.typedBy);
+  if (user.isRoot() && !user.runBy.empty() && user.runBy != "root") {
+    finding.cause =
+        "sudo runs this as root; to examine your own pairing: sudo dorve-doctor --user " + quoted(user.runBy);
   }
   return finding;
 }
@@ -44,7 +44,7 @@ Finding judgeCount(const Side& side, const Processes& processes, const Commands&
     return {Verdict::WARN, "programs", misplaced.front().name + " runs (process " + ids(misplaced) + ")",
             "this device has the address of the " + std::string(side.name()) + ", so run " + side.program +
                 " here, and the other program there",
-            commands.end(misplaced)};
+            commands.terminate(misplaced)};
   }
   if (programs.empty()) return {Verdict::OK, "programs", "no " + side.program + " runs"};
   if (programs.size() == 1 && programs.front().stopped) {
@@ -55,7 +55,7 @@ Finding judgeCount(const Side& side, const Processes& processes, const Commands&
     return {Verdict::OK, "programs", side.program + " runs (process " + ids(programs) + ")"};
   }
   return {Verdict::FAIL, "programs", side.program + " runs " + std::to_string(programs.size()) + " times",
-          "each start replaced the earlier key; stop all, then pair again", commands.end(programs)};
+          "each start replaced the earlier key; stop all, then pair again", commands.terminate(programs)};
 }
 
 /// Whether port 8888 of the server is free, or dorve-server holds it.
@@ -72,7 +72,7 @@ Finding judgeServerPort(const Side& side, const Processes& processes, const Comm
     if (owner.name == side.program) return {Verdict::OK, "port-8888", side.program + " waits for a client"};
     return {Verdict::FAIL, "port-8888",
             "held by " + owner.name + " (process " + std::to_string(owner.pid) + ")",
-            "dorve-server cannot listen on it", commands.end({owner})};
+            "dorve-server cannot listen on it", commands.terminate({owner})};
   }
   return {Verdict::OK, "port-8888",
           processes.programs.empty() ? "free" : side.program + " waits for a client"};

@@ -16,20 +16,25 @@ Commands::Commands(const User& whose, const Side& thisSide, const Directory& its
                    const Sshd& itsSshd, const Fact<Processes>& running)
     : user(whose), side(thisSide), directory(itsDirectory), sshd(itsSshd), processes(running) {}
 
+std::string Commands::runner() const {
+  if (!user.runBy.empty()) return user.runBy;
+  return user.rootHelps ? "root" : user.name;
+}
+
 std::string Commands::asUser(const std::string& script) const {
   if (!isShowable(script) || !isShowable(user.name)) return "";
-  const std::string typist = !user.typedBy.empty() ? user.typedBy : user.rootHelps ? "root" : user.name;
-  if (typist == user.name || (user.isRoot() && typist == "root")) return script;
+  const std::string runner = this->runner();
+  if (runner == user.name || (user.isRoot() && runner == "root")) return script;
   if (user.isRoot()) return asRoot(script);
   // In a session of its own, a program of the user cannot type into root's terminal.
   const std::string prefix =
-      (typist == "root" ? "setsid -w runuser -u " : "sudo -u ") + quoted(user.name) + " -- ";
+      (runner == "root" ? "setsid -w runuser -u " : "sudo -u ") + quoted(user.name) + " -- ";
   return prefix + (isOneCommand(script) ? script : "sh -c " + quoted(script));
 }
 
 std::string Commands::asRoot(const std::string& script) const {
   if (!isShowable(script)) return "";
-  const bool isRoot = user.rootHelps && (user.typedBy.empty() || user.typedBy == "root");
+  const bool isRoot = user.rootHelps && (user.runBy.empty() || user.runBy == "root");
   if (isRoot) return script;
   if (!user.hasSudo) return "su - -c " + quoted(script);
   return isOneCommand(script) ? "sudo " + script : "sudo sh -c " + quoted(script);
@@ -45,13 +50,13 @@ std::string Commands::pairAgain() const {
   const bool runs = processes && !processes->programs.empty();
   // A second dorve-server would replace the key of the first one and then wait for its port.
   if (side.role == Role::SERVER && runs) return onPeer("dorve-client");
-  const std::string typist = !user.typedBy.empty() ? user.typedBy : user.rootHelps ? "root" : user.name;
+  const std::string runner = this->runner();
   std::string command = side.program;
-  if (user.isRoot() && typist != "root" && !user.typedBy.empty()) {
+  if (user.isRoot() && runner != "root" && !user.runBy.empty()) {
     command = "sudo " + command;
-  } else if (!user.isRoot() && typist != user.name) {
-    command = (typist == "root" ? "runuser -l " : "sudo -i -u ") + quoted(user.name) +
-              (typist == "root" ? " -c " : " ") + command;
+  } else if (!user.isRoot() && runner != user.name) {
+    command = (runner == "root" ? "runuser -l " : "sudo -i -u ") + quoted(user.name) +
+              (runner == "root" ? " -c " : " ") + command;
   }
   if (!isShowable(command)) return "";
   if (side.role == Role::CLIENT) return command + "  # first start dorve-server on " + side.peerAddress;
@@ -60,9 +65,9 @@ std::string Commands::pairAgain() const {
 
 std::string Commands::doctorThere(const std::string& name) const {
   const std::string whose = name.empty() ? user.name : name;
-  const bool isRoots = whose == "root" || !isPlainName(whose);
-  const bool needsSudo = !user.isRoot() || (!user.typedBy.empty() && user.typedBy != "root");
-  const std::string command = std::string("dorve-doctor ") + (isRoots ? "" : "--user " + whose + " ") +
+  const bool needsName = whose != "root" && isPlainName(whose);
+  const bool needsSudo = !user.isRoot() || (!user.runBy.empty() && user.runBy != "root");
+  const std::string command = std::string("dorve-doctor ") + (needsName ? "--user " + whose + " " : "") +
                               (side.role == Role::CLIENT ? "server" : "client");
   if (!needsSudo) return onPeer(command);
   return onPeer(user.hasSudo ? "sudo " + command : "su - -c " + quoted(command));
@@ -122,7 +127,7 @@ std::string Commands::testSshd() const {
   return withArguments(std::string(kSshd) + " -t", sshd.testArguments);
 }
 
-bool Commands::isArgument(const std::string& keyword) const {
+bool Commands::isSetByArgument(const std::string& keyword) const {
   return std::ranges::any_of(sshd.testArguments, [&](const std::string& word) {
     const std::string name = toLower(word.substr(0, keyword.size()));
     return name == toLower(keyword) && word.find_first_of("= ") == keyword.size();
@@ -149,15 +154,15 @@ std::string Commands::writeScript(const std::string& name, const std::vector<std
 std::string Commands::setForLogin(const std::string& keyword, const std::string& value) const {
   // The value can be the name of a group. In a list of sshd, a name with blanks, quotes or wildcards has
   // another meaning.
-  const bool isList = keyword == "AllowGroups" && !isPlainName(value);
-  if (!isPlainName(user.name) || isList || isArgument(keyword)) return "";
+  const bool isPattern = keyword == "AllowGroups" && !isPlainName(value);
+  if (!isPlainName(user.name) || isPattern || isSetByArgument(keyword)) return "";
   return asRoot(writeScript(
       keyword + "-" + user.name,
       {"Match User " + user.name + " Address " + side.peerAddress, "    " + keyword + " " + value}));
 }
 
 std::string Commands::setForAll(const std::string& keyword, const std::string& value) const {
-  if (isArgument(keyword)) return "";
+  if (isSetByArgument(keyword)) return "";
   return asRoot(writeScript(keyword, {keyword + " " + value}));
 }
 
@@ -209,11 +214,12 @@ std::string Commands::allowPackets(const Chain& chain, const std::string& rule) 
 }
 
 std::string Commands::makeHostKeys() const {
-  const bool areNamed =
+  const bool hasHostKeyLine =
       std::ranges::any_of(sshd.lines, [](const ConfigLine& line) { return line.keyword == "hostkey"; });
   const std::string make = "ssh-keygen -A";
-  return areNamed ? asRoot(make + " && " + writeScript("HostKey", {"HostKey /etc/ssh/ssh_host_ed25519_key"}))
-                  : asRoot(make);
+  return hasHostKeyLine
+             ? asRoot(make + " && " + writeScript("HostKey", {"HostKey /etc/ssh/ssh_host_ed25519_key"}))
+             : asRoot(make);
 }
 
 std::string Commands::reinstallSshd() const {
@@ -235,7 +241,7 @@ std::string Commands::startSshd() const {
   return asRoot(std::string("mkdir -p -m 755 /run/sshd && ") + testSshd() + " && " + kSshd);
 }
 
-std::string Commands::end(const std::vector<Process>& targets) const {
+std::string Commands::terminate(const std::vector<Process>& targets) const {
   std::vector<std::string> scripts;
   for (const Process& process : targets) {
     if (process.program.empty() || contains(process.program, "/sshd") || process.pid <= 1) return "";

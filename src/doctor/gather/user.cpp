@@ -36,7 +36,7 @@ User gatherUser(const std::string& name) {
   User user;
   user.rootHelps = geteuid() == 0;
   const char* caller = std::getenv("SUDO_USER");
-  user.typedBy = user.rootHelps && caller != nullptr ? caller : "";
+  user.runBy = user.rootHelps && caller != nullptr ? caller : "";
   user.id = geteuid();
   const passwd* entry = name.empty() ? getpwuid(user.id) : getpwnam(name.c_str());
   if (entry == nullptr) return user;

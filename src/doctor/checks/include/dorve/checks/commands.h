@@ -114,11 +114,14 @@ class Commands {
   std::string reloadSshd() const;
 
   /// Terminates processes. Empty if this user may not see their programs, and for sshd.
-  std::string end(const std::vector<Process>& targets) const;
+  std::string terminate(const std::vector<Process>& targets) const;
 
  private:
+  /// The user whose shell runs the printed commands.
+  std::string runner() const;
+
   /// Returns whether sshd was started with this setting, so that no file can change it.
-  bool isArgument(const std::string& keyword) const;
+  bool isSetByArgument(const std::string& keyword) const;
 
   bool isInHome(const std::string& path) const;
   std::string testSshd() const;

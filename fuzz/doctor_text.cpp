@@ -126,7 +126,7 @@ class Filler {
             build.makeHostKeys(),
             build.showRefusal(),
             build.startSshd(),
-            build.end(processes->programs)};
+            build.terminate(processes->programs)};
   }
 
  private:
@@ -178,7 +178,7 @@ class Filler {
   void fill(Answers& value) { fill(value.own, value.peer); }
 
   void fill(User& user) {
-    fill(user.name, user.shell, user.typedBy, user.rootHelps, user.hasSudo, user.shellWorks,
+    fill(user.name, user.shell, user.runBy, user.rootHelps, user.hasSudo, user.shellWorks,
          user.shellIsListed, user.startFiles, user.locked, user.expired, user.passwordOld, user.group);
     user.id = static_cast<unsigned int>(number(1));
     user.home = "/home";

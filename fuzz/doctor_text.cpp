@@ -178,8 +178,8 @@ class Filler {
   void fill(Answers& value) { fill(value.own, value.peer); }
 
   void fill(User& user) {
-    fill(user.name, user.shell, user.runBy, user.rootHelps, user.hasSudo, user.shellWorks,
-         user.shellIsListed, user.startFiles, user.locked, user.expired, user.passwordOld, user.group);
+    fill(user.name, user.shell, user.runBy, user.rootHelps, user.hasSudo, user.shellWorks, user.shellIsListed,
+         user.startFiles, user.locked, user.expired, user.passwordOld, user.group);
     user.id = static_cast<unsigned int>(number(1));
     user.home = "/home";
   }

@@ -209,7 +209,9 @@ TEST(DoctorCommands, EndOnlyTheSameProgram) {
   Fixed d;
   EXPECT_EQ(d.commands.terminate({{9, "nc", "/a b"}, {8, "nc", "/c"}}),
             "[ /proc/9/exe -ef '/a b' ] && kill 9; [ /proc/8/exe -ef /c ] && kill 8");
-  EXPECT_EQ(d.commands.terminate({{9, "nc", ""}}) + d.commands.terminate({{1, "x", "/x"}}) + d.commands.terminate({}), "");
+  EXPECT_EQ(d.commands.terminate({{9, "nc", ""}}) + d.commands.terminate({{1, "x", "/x"}}) +
+                d.commands.terminate({}),
+            "");
   // This part of sshd serves a login, and may hold a port that the login forwards.
   EXPECT_EQ(d.commands.terminate({{9, "sshd-session", "/usr/lib/openssh/sshd-session"}}), "");
 }

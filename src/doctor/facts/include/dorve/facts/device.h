@@ -24,7 +24,7 @@ struct User {
   std::string name;        ///< empty if the password database does not know the user
   std::string home;        ///< from the password database; ssh and sshd use it instead of HOME
   std::string shell;       ///< from the password database
-  std::string runBy;     ///< the user whose shell runs the printed commands: before sudo, if sudo was used
+  std::string runBy;       ///< the user whose shell runs the printed commands: before sudo, if sudo was used
   bool rootHelps = false;  ///< the doctor was started by root, so it knows what only root can see
   bool hasSudo = true;     ///< sudo is installed
   bool shellWorks = true;  ///< the shell exists and may be executed

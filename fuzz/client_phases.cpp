@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The client's five phases, on any bytes that a server may send as a response.
+// The client's five phases, on arbitrary responses of a server.
 #include "dorve/client/dorve_client.h"
 #include "fuzz.h"
 

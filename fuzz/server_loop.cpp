@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The server's request loop, on any bytes that a client may send.
+// The server's request loop, on arbitrary requests of a client.
 #include "dorve/server/dorve_server.h"
 #include "fuzz.h"
 

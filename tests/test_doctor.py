@@ -243,7 +243,8 @@ def documented(title):
 def plain(text):
     """The text with N in place of numbers and fingerprints, and MAC in place of hardware addresses. The programs and
     Python appear as on a usual Debian system."""
-    text = re.sub(r"(process |/proc/|kill |kill -[A-Z]+ |python3\.)\d+", r"\1N", re.sub(r"(SHA256:)[\w+/]+", r"\1N", text))
+    text = re.sub(r"(process |/proc/|kill |kill -[A-Z]+ |python3\.)\d+", r"\1N", text)
+    text = re.sub(r"(SHA256:)[\w+/]+", r"\1N", text)
     text = re.sub(r"-ef '.*?/(dorve-(?:client|server))' ", r"-ef /usr/bin/\1 ", text)  # a path with blanks
     text = re.sub(r"[^\s>]+/(dorve-(?:client|server)) ", r"/usr/bin/\1 ", re.sub(r"\d+ KiB", "N KiB", text))
     return re.sub(r"(\w\w:){5}\w\w", "MAC", text)

@@ -81,7 +81,7 @@ int examine(const Options& options) {
   std::cout << (options.json ? dorve::asJson(findings) : dorve::asText(findings, style)) << std::flush;
   const bool failed = std::ranges::count(findings, dorve::Verdict::FAIL, &dorve::Finding::verdict) > 0;
   const int status = dorve::endOutput(kProgram, failed || !gathered.isComplete ? 1 : 0);
-  // If the gathering thread hangs, nothing that it holds may delay the end.
+  // If the gathering thread hangs, nothing that it holds may delay the exit.
   dorve::killChildren();
   return status;
 }
